@@ -1,0 +1,39 @@
+# ZEL: make run starts the demo instrument, make test runs every test.
+BUILD      ?= build
+PORT       ?= 8080
+DATA_ROOT  ?= $(CURDIR)/run
+CONFIG     ?= examples/demo.xml
+PREFIX     ?= /usr/local
+JOBS       ?= $(shell nproc)
+
+.PHONY: all setup build run test bench install clean
+
+all: build
+
+setup:
+	@scripts/setup.sh
+
+$(BUILD)/build.ninja:
+	cmake -S . -B $(BUILD) -G Ninja
+
+build: setup $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS)
+
+run: build
+	@mkdir -p $(DATA_ROOT)/config $(DATA_ROOT)/web $(DATA_ROOT)/io
+	@cp -r web/. $(DATA_ROOT)/web/
+	$(BUILD)/zel --config $(CURDIR)/$(CONFIG) --data-root $(DATA_ROOT) \
+	  --pid-file $(DATA_ROOT)/zel.pid --io-mount $(DATA_ROOT)/io --port $(PORT)
+
+test: build
+	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600
+
+bench: setup $(BUILD)/build.ninja
+	cmake --build $(BUILD) -j $(JOBS) --target zel zel_bench
+	$(BUILD)/zel_bench
+
+install: build
+	cmake --install $(BUILD) --prefix $(DESTDIR)$(PREFIX)
+
+clean:
+	rm -rf $(BUILD)

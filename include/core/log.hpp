@@ -1,0 +1,66 @@
+#pragma once
+// System log: records carry a level, the source file (path from the repository
+// root without extension) and a line. Records go to every registered sink:
+// standard error always, the tree's "log" node once the root exists.
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include <fmt/format.h>
+
+enum class LogLevel : int {
+  Event = 0,    // operator-relevant events (permit revoked, ...): always shown
+  Error = 1,    // text begins with "Error: "
+  Warning = 2,
+  Info = 3,
+  Debug = 4,
+};
+
+std::string_view to_string(LogLevel level);
+
+struct LogRecord {
+  LogLevel level;
+  std::string_view source;  // e.g. "src/core/node_factory"
+  int line;
+  std::string text;         // errors already carry the "Error: " prefix
+  uint64_t stamp;           // wall-clock nanoseconds since the epoch
+};
+
+// "src/core/node.cpp" -> "src/core/node"; evaluated at compile time. The build
+// maps the source directory away; a build inside the tree hands relative
+// paths ("../src/core/node.cpp"), whose leading "../" go too.
+consteval std::string_view source_name(std::string_view file) {
+  while (file.starts_with("../") || file.starts_with("./")) file.remove_prefix(file.front() == '.' && file[1] == '/' ? 2 : 3);
+  auto dot = file.rfind('.');
+  auto slash = file.rfind('/');
+  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return file;
+  return file.substr(0, dot);
+}
+
+class Log {
+ public:
+  using Sink = std::function<void(const LogRecord&)>;
+  using SinkId = uint64_t;
+
+  static void write(LogLevel level, std::string_view source, int line, std::string text);
+
+  // Sinks are called under the log's lock, one record at a time, in order.
+  static SinkId add_sink(Sink sink);
+  static void remove_sink(SinkId id);
+
+  // Standard error output (on by default); tests that check stderr keep it.
+  static void set_stderr(bool enabled);
+  // Records below this level of detail are dropped (default Info).
+  static void set_level(LogLevel max_level);
+  static std::string format_line(const LogRecord& record);
+};
+
+#define ZEL_LOG_AT(level, ...) \
+  ::Log::write(level, ::source_name(__FILE__), __LINE__, ::fmt::format(__VA_ARGS__))
+#define ZEL_EVENT(...) ZEL_LOG_AT(::LogLevel::Event, __VA_ARGS__)
+#define ZEL_ERROR(...) \
+  ::Log::write(::LogLevel::Error, ::source_name(__FILE__), __LINE__, "Error: " + ::fmt::format(__VA_ARGS__))
+#define ZEL_WARN(...) ZEL_LOG_AT(::LogLevel::Warning, __VA_ARGS__)
+#define ZEL_INFO(...) ZEL_LOG_AT(::LogLevel::Info, __VA_ARGS__)
+#define ZEL_DEBUG(...) ZEL_LOG_AT(::LogLevel::Debug, __VA_ARGS__)

@@ -1,0 +1,48 @@
+#pragma once
+// Root: the top of the system tree, made from the whole configuration. Besides
+// what the configuration lists it always owns "log", "pulse", "async",
+// "interlocks", "admin", "io_server", "iframe", "peers" and "upnp".
+#include <atomic>
+#include <string_view>
+
+#include "core/component.hpp"
+#include "core/ctx_comp.hpp"
+
+class LogIO;
+
+class Root : public Component {
+ public:
+  explicit Root(const VTree& config);
+  // Runs the staged stop if it has not run, then destroys the tree.
+  ~Root() override;
+
+  // Root initialisation, once: indexes the tree, then init() and start() on
+  // every node in tree order.
+  void initialize();
+  // The staged stop ("stop0" .. "stop3"), once; each stage timed and logged.
+  void stop_all();
+
+  // The vertex (node or field) at a path such as "pulse/rate"; null if none.
+  Vertex* find_path(std::string_view path) const { return find(path); }
+
+  // A logged-in user's set of a field, or of an IO's value field, by path.
+  // Failures are logged; nothing is returned.
+  void set_field_as_user(std::string_view user, std::string_view path, std::string_view value);
+
+  Service& async() const { return *async_; }
+  LogIO& log() const { return *log_; }
+
+  // The root of the running system (the most recently made one), or null.
+  static Root* instance();
+
+  // Configuration elements that could not be built since the last reset.
+  static void count_configuration_error();
+  static unsigned configuration_errors();
+  static void reset_configuration_errors();
+
+ private:
+  Service* async_ = nullptr;
+  LogIO* log_ = nullptr;
+  bool initialized_ = false;
+  bool stopped_ = false;
+};

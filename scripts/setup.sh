@@ -1,0 +1,27 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build and the tests need; quick when all are present.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ pkg-config ccache
+  libboost-dev libboost-program-options-dev libboost-filesystem-dev
+  libboost-system-dev libboost-thread-dev
+  nlohmann-json3-dev libpugixml-dev libfmt-dev
+  libfuse3-dev fuse3
+  libgtest-dev libgmock-dev libbenchmark-dev
+)
+packages+=("$@")
+
+missing=()
+for p in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
+  [[ "$status" == "install ok installed" ]] || missing+=("$p")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+echo "setup: installing ${missing[*]}"
+sudo=""
+[[ $(id -u) -eq 0 ]] || sudo="sudo"
+export DEBIAN_FRONTEND=noninteractive
+$sudo apt-get update -qq
+$sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"

@@ -1,0 +1,102 @@
+#include "core/clock.hpp"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+namespace {
+
+std::atomic<Clock::Source*> source{nullptr};
+std::atomic<uint64_t> reference_wall{0};
+std::atomic<uint64_t> reference_steady{0};
+std::atomic<uint64_t> cached{0};
+
+uint64_t system_steady() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::steady_clock::now().time_since_epoch())
+                                   .count());
+}
+uint64_t system_wall() {
+  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count());
+}
+
+uint64_t compute_stamp() {
+  uint64_t steady = Clock::steady_ns();
+  return reference_wall.load(std::memory_order_relaxed) + steady -
+         reference_steady.load(std::memory_order_relaxed);
+}
+
+// Refreshes the cached stamp every millisecond for the life of the process.
+class Ticker {
+ public:
+  Ticker() {
+    Clock::reset_reference();
+    thread_ = std::thread([this] {
+      pthread_setname_np(pthread_self(), "clock");
+      while (!stop_.load(std::memory_order_relaxed)) {
+        Clock::refresh();
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    });
+  }
+  ~Ticker() {
+    stop_ = true;
+    thread_.join();
+  }
+
+ private:
+  std::atomic<bool> stop_{false};
+  std::thread thread_;
+};
+
+void ensure_ticker() {
+  static Ticker ticker;
+}
+
+}  // namespace
+
+uint64_t Clock::steady_ns() {
+  auto* s = source.load(std::memory_order_acquire);
+  return s ? s->steady_ns() : system_steady();
+}
+
+uint64_t Clock::wall_ns() {
+  auto* s = source.load(std::memory_order_acquire);
+  return s ? s->wall_ns() : system_wall();
+}
+
+uint64_t Clock::cached_ns() {
+  uint64_t now = cached.load(std::memory_order_relaxed);
+  if (now == 0) [[unlikely]] {
+    ensure_ticker();
+    now = cached.load(std::memory_order_relaxed);
+  }
+  return now;
+}
+
+void Clock::refresh() {
+  uint64_t stamp = compute_stamp();
+  // Stamps never go backwards, also not across a reference reset.
+  uint64_t prev = cached.load(std::memory_order_relaxed);
+  while (stamp > prev && !cached.compare_exchange_weak(prev, stamp, std::memory_order_relaxed)) {
+  }
+  if (prev == 0 && stamp == 0) cached.store(1, std::memory_order_relaxed);
+}
+
+void Clock::reset_reference() {
+  reference_steady.store(steady_ns(), std::memory_order_relaxed);
+  reference_wall.store(wall_ns(), std::memory_order_relaxed);
+  refresh();
+}
+
+void Clock::set_source(Source* s) {
+  ensure_ticker();
+  source.store(s, std::memory_order_release);
+  // A new time line: the cached stamp follows the new source from here on.
+  cached.store(0, std::memory_order_relaxed);
+  reset_reference();
+}

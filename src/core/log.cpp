@@ -1,0 +1,84 @@
+#include "core/log.hpp"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <ctime>
+#include <mutex>
+#include <vector>
+
+#include "core/clock.hpp"
+
+namespace {
+
+struct LogState {
+  std::mutex mutex;
+  std::vector<std::pair<Log::SinkId, Log::Sink>> sinks;
+  Log::SinkId next_id = 1;
+  std::atomic<bool> to_stderr{true};
+  std::atomic<int> max_level{static_cast<int>(LogLevel::Info)};
+};
+
+LogState& state() {
+  static LogState* s = new LogState;  // never destroyed: logging works during exit
+  return *s;
+}
+
+thread_local bool in_sink = false;
+
+}  // namespace
+
+std::string_view to_string(LogLevel level) {
+  switch (level) {
+    case LogLevel::Event: return "event";
+    case LogLevel::Error: return "error";
+    case LogLevel::Warning: return "warning";
+    case LogLevel::Info: return "info";
+    case LogLevel::Debug: return "debug";
+  }
+  return "?";
+}
+
+std::string Log::format_line(const LogRecord& r) {
+  auto seconds = static_cast<std::time_t>(r.stamp / 1000000000ULL);
+  std::tm tm{};
+  gmtime_r(&seconds, &tm);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z {} {}:{} {}", tm.tm_year + 1900,
+                     tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
+                     (r.stamp / 1000000ULL) % 1000, to_string(r.level), r.source, r.line, r.text);
+}
+
+void Log::write(LogLevel level, std::string_view source, int line, std::string text) {
+  auto& s = state();
+  if (static_cast<int>(level) > s.max_level.load(std::memory_order_relaxed)) return;
+  LogRecord record{level, source, line, std::move(text), Clock::wall_ns()};
+  if (s.to_stderr.load(std::memory_order_relaxed)) {
+    auto out = format_line(record);
+    out.push_back('\n');
+    // One write per record keeps lines whole when several threads log.
+    [[maybe_unused]] auto n = ::write(STDERR_FILENO, out.data(), out.size());
+  }
+  if (in_sink) return;  // a sink that logs must not recurse into itself
+  std::lock_guard lock(s.mutex);
+  in_sink = true;
+  for (auto& [id, sink] : s.sinks) sink(record);
+  in_sink = false;
+}
+
+Log::SinkId Log::add_sink(Sink sink) {
+  auto& s = state();
+  std::lock_guard lock(s.mutex);
+  auto id = s.next_id++;
+  s.sinks.emplace_back(id, std::move(sink));
+  return id;
+}
+
+void Log::remove_sink(SinkId id) {
+  auto& s = state();
+  std::lock_guard lock(s.mutex);
+  std::erase_if(s.sinks, [id](auto& entry) { return entry.first == id; });
+}
+
+void Log::set_stderr(bool enabled) { state().to_stderr = enabled; }
+void Log::set_level(LogLevel max_level) { state().max_level = static_cast<int>(max_level); }

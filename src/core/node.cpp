@@ -1,0 +1,173 @@
+#include "core/node.hpp"
+
+#include <mutex>
+#include <typeindex>
+#include <unordered_map>
+
+#include "core/context.hpp"
+#include "core/log.hpp"
+#include "core/root.hpp"
+
+ZEL_REGISTER_NODE("node", Node);
+
+namespace {
+
+// Attribute fields count as assigned from the start, so clients see them.
+template <class F>
+std::unique_ptr<FieldBase> make_attribute(std::string value) {
+  auto field = std::make_unique<F>();
+  if constexpr (std::is_same_v<typename F::value_type, bool>) {
+    bool b = false;
+    x2x::from_json(value, b);
+    field->set(b);
+  } else {
+    field->set(std::move(value));
+  }
+  return field;
+}
+
+using AttributeMaker = std::unique_ptr<FieldBase> (*)(std::string);
+
+struct AttributeKind {
+  std::string_view key;
+  AttributeMaker make;
+  bool is_bool;
+};
+
+constexpr AttributeKind kAttributeKinds[] = {
+    {LabelField::key, &make_attribute<LabelField>, false},
+    {DetailField::key, &make_attribute<DetailField>, false},
+    {IconField::key, &make_attribute<IconField>, false},
+    {ColorField::key, &make_attribute<ColorField>, false},
+    {UnitsField::key, &make_attribute<UnitsField>, false},
+    {FormatField::key, &make_attribute<FormatField>, false},
+    {StoreField::key, &make_attribute<StoreField>, false},
+    {AliasField::key, &make_attribute<AliasField>, false},
+    {PermissionsField::key, &make_attribute<PermissionsField>, false},
+    {ReadonlyField::key, &make_attribute<ReadonlyField>, true},
+    {HiddenField::key, &make_attribute<HiddenField>, true},
+    {DynamicField::key, &make_attribute<DynamicField>, true},
+};
+
+const AttributeKind* attribute_kind(std::string_view key) {
+  for (auto& kind : kAttributeKinds)
+    if (kind.key == key) return &kind;
+  return nullptr;
+}
+
+}  // namespace
+
+Node::Node(const VTree& config) : Vertex(config.name()) { read_attributes(config); }
+
+Node::~Node() = default;
+
+std::string Node::type() const {
+  static std::mutex mutex;
+  static std::unordered_map<std::type_index, std::string> names;
+  std::type_index key(typeid(*this));
+  std::lock_guard lock(mutex);
+  auto it = names.find(key);
+  if (it == names.end()) it = names.emplace(key, factory_type_name(typeid(*this))).first;
+  return it->second;
+}
+
+void Node::read_attributes(const VTree& config) {
+  for (auto& [key, value] : config.attributes()) {
+    auto* kind = attribute_kind(key);
+    if (!kind) continue;
+    if (kind->is_bool) {
+      bool b;
+      if (!x2x::from_json(value, b))
+        throw ConfigError(fmt::format("Setting '{}' of '{}' can't be read as bool: '{}'", key, config.path(), value));
+    }
+    adopt(kind->make(value));
+  }
+}
+
+FieldBase* Node::attribute_field(std::string_view key) const {
+  for (auto& c : children()) {
+    if (c->name() != key || !c->is_field()) continue;
+    auto* f = static_cast<FieldBase*>(c.get());
+    if (!f->admitted()) return f;
+  }
+  return nullptr;
+}
+
+std::string Node::text_attribute(std::string_view key) const {
+  if (auto* f = dynamic_cast<Field<std::string>*>(attribute_field(key))) return f->get();
+  return {};
+}
+
+bool Node::bool_attribute(std::string_view key) const {
+  if (auto* f = dynamic_cast<Field<bool>*>(attribute_field(key))) return f->get();
+  return false;
+}
+
+std::string Node::extra_attribute(std::string_view key) const { return text_attribute(key); }
+
+void Node::set_attribute(std::string_view key, std::string value) {
+  if (auto* f = attribute_field(key)) {
+    if (auto* text = dynamic_cast<Field<std::string>*>(f)) text->set(value);
+    else f->read_json(value);
+    return;
+  }
+  if (auto* kind = attribute_kind(key)) {
+    adopt(kind->make(std::move(value)));
+    return;
+  }
+  auto& field = add<AttributeField<std::string>>(std::string(key));
+  field.set(std::move(value));
+}
+
+void Node::set_default(std::string_view key, std::string value) {
+  if (attribute_field(key)) return;
+  set_attribute(key, std::move(value));
+}
+
+void Node::set_default(std::string_view key, bool value) { set_default(key, std::string(value ? "true" : "false")); }
+
+void Node::describe(std::string label, std::string detail, std::string icon) {
+  set_default(LabelField::key, std::move(label));
+  set_default(DetailField::key, std::move(detail));
+  set_default(IconField::key, std::move(icon));
+}
+
+FieldBase* Node::field(std::string_view name) const {
+  auto* c = child(name);
+  if (c && c->is_field()) return static_cast<FieldBase*>(c);
+  ZEL_ERROR("Field not found '{}' on {}", name, path());
+  return nullptr;
+}
+
+Context* Node::context() const {
+  for (const Vertex* v = this; v; v = v->parent()) {
+    if (auto* c = dynamic_cast<const Context*>(v)) return const_cast<Context*>(c);
+  }
+  auto* r = root();
+  return r ? &r->async() : nullptr;
+}
+
+Root* Node::root() const {
+  const Vertex* top = this;
+  while (top->parent()) top = top->parent();
+  return dynamic_cast<Root*>(const_cast<Vertex*>(top));
+}
+
+void Node::build_configured_children(const VTree& config) {
+  for (auto& sub : config.children()) {
+    if (sub.type().empty()) continue;  // a named subtree the class reads itself
+    if (child(sub.name())) continue;   // the class made this child already
+    try {
+      auto node = NodeFactory::create(sub.type(), sub);
+      if (!node) {
+        ZEL_ERROR("Unknown node type '{}' for '{}'", sub.type(), sub.path());
+        Root::count_configuration_error();
+        continue;
+      }
+      adopt(std::move(node));
+    } catch (const std::exception& e) {
+      ZEL_ERROR("Failed to build '{}' ({}): {}", sub.path(), sub.type(), e.what());
+      Root::count_configuration_error();
+    }
+  }
+}

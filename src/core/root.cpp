@@ -1,0 +1,96 @@
+#include "core/root.hpp"
+
+#include "core/admin_manager.hpp"
+#include "core/clock.hpp"
+#include "core/iframe.hpp"
+#include "core/io/interlock_manager.hpp"
+#include "core/io/io.hpp"
+#include "core/io_server.hpp"
+#include "core/log.hpp"
+#include "core/log_io.hpp"
+#include "core/peers.hpp"
+#include "core/pulse.hpp"
+#include "core/upnp.hpp"
+
+ZEL_REGISTER_NODE("root", Root);
+
+namespace {
+std::atomic<Root*> current_root{nullptr};
+std::atomic<unsigned> configuration_error_count{0};
+}  // namespace
+
+Root::Root(const VTree& config) : Component(config) {
+  log_ = &add_node<LogIO>(config, "log");
+  add_node<Pulse>(config, "pulse");
+  async_ = &add_node<Service>(config, "async");
+  add_node<InterlockManager>(config, "interlocks");
+  add_node<AdminManager>(config, "admin");
+  add_node<IOServer>(config, "io_server");
+  add_node<IFrame>(config, "iframe");
+  add_node<Peers>(config, "peers");
+  add_node<UPnP>(config, "upnp");
+  current_root = this;
+}
+
+Root::~Root() {
+  stop_all();
+  Root* self = this;
+  current_root.compare_exchange_strong(self, nullptr);
+}
+
+Root* Root::instance() { return current_root.load(); }
+
+void Root::initialize() {
+  if (initialized_) return;
+  initialized_ = true;
+  index_tree();
+  visit([](Vertex& v) {
+    if (auto* node = dynamic_cast<Node*>(&v)) node->init();
+  });
+  visit([](Vertex& v) {
+    if (auto* node = dynamic_cast<Node*>(&v)) node->start();
+  });
+}
+
+void Root::stop_all() {
+  if (stopped_) return;
+  stopped_ = true;
+  for (int stage = 0; stage < 4; ++stage) {
+    auto start = Clock::steady_ns();
+    stop_tree(static_cast<StopStage>(stage));
+    ZEL_INFO("stop{} took {:.3f} ms", stage, static_cast<double>(Clock::steady_ns() - start) / 1e6);
+  }
+}
+
+void Root::set_field_as_user(std::string_view user, std::string_view path, std::string_view value) {
+  Vertex* target = find(path);
+  if (!target) {
+    ZEL_ERROR("User no valid Field found {} {}", user, path);
+    return;
+  }
+  FieldBase* field = nullptr;
+  bool readonly = false;
+  if (target->is_field()) {
+    field = static_cast<FieldBase*>(target);
+    readonly = field->readonly();
+  } else if (auto* io = dynamic_cast<IOBase*>(target)) {
+    field = io->value_field();
+    if (!field) {
+      ZEL_ERROR("User no valid Field found {} {}", user, path);
+      return;
+    }
+    readonly = io->readonly();
+  } else {
+    ZEL_ERROR("User no valid Field found {} {}", user, path);
+    return;
+  }
+  if (readonly) {
+    ZEL_ERROR("User can't set Field, readonly {} {}", user, path);
+    return;
+  }
+  field->set_from_user(value);
+}
+
+void Root::count_configuration_error() { ++configuration_error_count; }
+unsigned Root::configuration_errors() { return configuration_error_count.load(); }
+void Root::reset_configuration_errors() { configuration_error_count = 0; }

@@ -1,0 +1,3 @@
+#include "core/application.hpp"
+
+int main(int argc, char** argv) { return Application::instance().main(argc, argv); }

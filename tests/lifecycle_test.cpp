@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "core/component.hpp"
+#include "core/pulse.hpp"
+#include "core/root.hpp"
+#include "formats/format_xml.hpp"
+#include "log_capture.hpp"
+
+namespace {
+
+// Records its init, start, polls and stop stages.
+class Recorder : public Component {
+ public:
+  explicit Recorder(const VTree& config) : Component(config) { enable_poll(config, 0); }
+  void init() override { events.push_back("init " + name()); }
+  void start() override {
+    events.push_back("start " + name());
+    Component::start();
+  }
+  void poll() override { ++polls; }
+  void stop(StopStage stage) override {
+    events.push_back("stop" + std::to_string(static_cast<int>(stage)) + " " + name());
+    Component::stop(stage);
+  }
+  static inline std::vector<std::string> events;
+  std::atomic<int> polls{0};
+};
+ZEL_REGISTER_NODE("recorder", Recorder);
+
+}  // namespace
+
+TEST(Lifecycle, InitThenStartInTreeOrderAndTheFourStopStagesInOrder) {
+  Recorder::events.clear();
+  LogCapture log;
+  {
+    auto root = FormatXML::instance().build(
+        R"(<root><a type="recorder"><b type="recorder"/></a><c type="recorder"/></root>)");
+    root->initialize();
+  }
+  EXPECT_EQ(Recorder::events, (std::vector<std::string>{
+                                  "init a", "init b", "init c", "start a", "start b", "start c",
+                                  "stop0 a", "stop0 b", "stop0 c", "stop1 a", "stop1 b", "stop1 c",
+                                  "stop2 a", "stop2 b", "stop2 c", "stop3 a", "stop3 b", "stop3 c"}));
+  int timed = 0;
+  for (auto& t : log.texts())
+    if (t.starts_with("stop") && t.find(" took ") != std::string::npos) ++timed;
+  EXPECT_EQ(timed, 4);
+}
+
+TEST(Lifecycle, PollRunsOnTheContextAtItsRateAndEndsAtStop) {
+  auto root = FormatXML::instance().build(R"(<root><r type="recorder"><poll rate="200"/></r></root>)");
+  root->initialize();
+  auto& r = static_cast<Recorder&>(*root->find_path("r"));
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (r.polls < 3 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_GE(r.polls, 3);
+  root->stop_all();
+  int after_stop = r.polls;
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+  EXPECT_EQ(r.polls, after_stop);
+}
+
+TEST(Lifecycle, PulseCountsAtItsRate) {
+  auto root = FormatXML::instance().build(R"(<root><pulse rate="100"/></root>)");
+  root->initialize();
+  auto& pulse = static_cast<Pulse&>(*root->find_path("pulse"));
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (pulse.count().get() < 3 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_GE(pulse.count().get(), 3u);
+}

@@ -1,0 +1,75 @@
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+
+#include "core/io_server.hpp"
+#include "core/x2x.hpp"
+
+TEST(ValueText, SelfCheckPassesInTheNamedGroupsAndOrder) {
+  auto report = IOServer::json_test();
+  std::vector<std::string> names;
+  for (auto& group : report) {
+    names.push_back(group.name);
+    EXPECT_GT(group.checks, 0) << group.name;
+    for (auto& failure : group.failures) ADD_FAILURE() << group.name << ": " << failure;
+  }
+  ASSERT_EQ(names.size(), 2u + 8u * 3u + 8u + 2u + 6u + 1u);
+  EXPECT_EQ(names[0], "to_json bool");
+  EXPECT_EQ(names[2], "to_json uint8_t");
+  EXPECT_EQ(names[4], "roundtrip uint8_t");
+  EXPECT_EQ(names[5], "to_json int8_t");
+  EXPECT_EQ(names[26], "to_json float");
+  EXPECT_EQ(names[29], "precession float");
+  EXPECT_EQ(names.back(), "to_json vector<vector<string>>");
+}
+
+TEST(ValueText, OutOfRangeAndMalformedNumbersAreRefusedAndLeaveTheValue) {
+  uint8_t small = 7;
+  EXPECT_FALSE(x2x::from_json("256", small));
+  EXPECT_FALSE(x2x::from_json("-1", small));
+  EXPECT_FALSE(x2x::from_json("1.5", small));
+  EXPECT_FALSE(x2x::from_json("", small));
+  EXPECT_EQ(small, 7);
+  double d = 3;
+  EXPECT_FALSE(x2x::from_json("12abc", d));
+  EXPECT_FALSE(x2x::from_json("+1", d));
+  EXPECT_EQ(d, 3);
+  bool b = true;
+  EXPECT_FALSE(x2x::from_json("yes", b));
+  EXPECT_TRUE(b);
+}
+
+TEST(ValueText, AFileWriteWithItsTrailingNulReads) {
+  int v = 0;
+  std::string text("255\n", 4);
+  text.push_back('\0');
+  EXPECT_TRUE(x2x::from_json(text, v));
+  EXPECT_EQ(v, 255);
+}
+
+TEST(ValueText, NonFiniteNumbersWriteValidJson) {
+  EXPECT_EQ(x2x::to_json(std::numeric_limits<double>::quiet_NaN()), "null");
+  EXPECT_EQ(x2x::to_json(std::numeric_limits<double>::infinity()), "null");
+  double d = 0;
+  EXPECT_TRUE(x2x::from_json("null", d));
+  EXPECT_TRUE(std::isnan(d));
+}
+
+TEST(ValueText, StringsAreAlwaysValidUtf8Json) {
+  EXPECT_EQ(x2x::to_json(std::string("a\x01") + "\xff" + "b"), "\"a\\u0001\xEF\xBF\xBD" "b\"");
+  EXPECT_EQ(x2x::to_json(std::string("\xC3\xA9")), "\"\xC3\xA9\"");  // é stays as it is
+  std::string s;
+  EXPECT_TRUE(x2x::from_json(R"("\u00e9\ud83d\ude00")", s));
+  EXPECT_EQ(s, "\xC3\xA9\xF0\x9F\x98\x80");
+  EXPECT_FALSE(x2x::from_json(R"("a"b")", s));
+  EXPECT_FALSE(x2x::from_json(R"("\ud83d")", s));
+  EXPECT_FALSE(x2x::from_json("plain", s));
+}
+
+TEST(ValueText, VectorsRefuseElementsOfTheWrongType) {
+  std::vector<double> v{1};
+  EXPECT_FALSE(x2x::from_json(R"([1,"x"])", v));
+  EXPECT_FALSE(x2x::from_json("{}", v));
+  EXPECT_EQ(v, std::vector<double>{1});
+}
