@@ -88,6 +88,7 @@ class Vertex : public EventEmitter<VertexEvent> {
 
  private:
   void adopt_vertex(std::unique_ptr<Vertex> child);
+  void index_tree_level();
 
   std::string name_;
   Vertex* parent_ = nullptr;

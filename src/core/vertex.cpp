@@ -52,6 +52,15 @@ void Vertex::adopt_vertex(std::unique_ptr<Vertex> child) {
   child->parent_ = this;
   if (index_) index_->emplace(child->name_, child.get());
   children_.push_back(std::move(child));
+  // Large vertices get their index while they grow, so building stays linear.
+  if (!index_ && children_.size() >= kIndexThreshold) index_tree_level();
+}
+
+void Vertex::index_tree_level() {
+  index_ = std::make_unique<std::unordered_map<std::string_view, Vertex*>>();
+  index_->reserve(children_.size());
+  // The first of two children with the same name is the one found.
+  for (auto& c : children_) index_->emplace(c->name_, c.get());
 }
 
 void Vertex::write_json(std::string& out) const {
@@ -112,10 +121,6 @@ void Vertex::stop_tree(StopStage stage) {
 }
 
 void Vertex::index_tree() {
-  if (children_.size() >= kIndexThreshold && !index_) {
-    index_ = std::make_unique<std::unordered_map<std::string_view, Vertex*>>();
-    index_->reserve(children_.size());
-    for (auto& c : children_) index_->emplace(c->name_, c.get());
-  }
+  if (children_.size() >= kIndexThreshold && !index_) index_tree_level();
   for (auto& c : children_) c->index_tree();
 }

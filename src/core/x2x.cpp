@@ -24,17 +24,20 @@ void write_float(F value, std::string& out) {
 
 template <class F>
 bool read_float(std::string_view text, F& out) {
-  text = trim(text);
-  if (text.empty()) return false;
+  // Plain numbers without blanks around them are the common case.
+  if (text.empty() || is_space(text.front()) || is_space(text.back())) text = trim(text);
+  const char* end = text.data() + text.size();
+  F value;
+  auto result = std::from_chars(text.data(), end, value);
+  if (result.ec == std::errc() && result.ptr == end && !text.empty()) [[likely]] {
+    out = value;
+    return true;
+  }
   if (text == "null") {
     out = std::numeric_limits<F>::quiet_NaN();
     return true;
   }
-  F value;
-  auto result = std::from_chars(text.data(), text.data() + text.size(), value);
-  if (result.ec != std::errc() || result.ptr != text.data() + text.size()) return false;
-  out = value;
-  return true;
+  return false;
 }
 
 void append_hex4(unsigned value, std::string& out) {
