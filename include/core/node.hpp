@@ -26,7 +26,10 @@ class Node : public Vertex {
 
   // Called once, in tree order, after the whole tree has been built.
   virtual void init() {}
-  // Called once, in tree order, after every node's init.
+  // Called once, in tree order, after every node's init: settings kept in
+  // stores are brought back into the tree here, before anything starts.
+  virtual void restore() {}
+  // Called once, in tree order, after every node's restore.
   virtual void start() {}
 
   // A field child by name; logs "Field not found '<name>' on <path>" and

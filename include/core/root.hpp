@@ -16,8 +16,9 @@ class Root : public Component {
   // Runs the staged stop if it has not run, then destroys the tree.
   ~Root() override;
 
-  // Root initialisation, once: indexes the tree, then init() and start() on
-  // every node in tree order.
+  // Root initialisation, once: indexes the tree, then init(), restore() and
+  // start() on every node in tree order, each phase over the whole tree
+  // before the next.
   void initialize();
   // The staged stop ("stop0" .. "stop3"), once; each stage timed and logged.
   void stop_all();

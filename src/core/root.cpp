@@ -48,6 +48,9 @@ void Root::initialize() {
     if (auto* node = dynamic_cast<Node*>(&v)) node->init();
   });
   visit([](Vertex& v) {
+    if (auto* node = dynamic_cast<Node*>(&v)) node->restore();
+  });
+  visit([](Vertex& v) {
     if (auto* node = dynamic_cast<Node*>(&v)) node->start();
   });
 }
