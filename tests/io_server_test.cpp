@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstring>
@@ -455,6 +456,27 @@ TEST(IOFileSystem, AHandlerMissingFromTheRegistryIsLoggedAndRefused) {
   EXPECT_EQ(log.texts(), std::vector<std::string>{"Error: File API object somehow deallocated?!"});
   EXPECT_EQ(files.lookup(FileSystemHandler::kRootIno, "x.json", st), 0);
   EXPECT_EQ(st.mode, S_IFREG | 0666u);
+}
+
+// The kernel does not pass empty writes on; the server ignores them too (the
+// field would log the empty text as a value it cannot convert).
+TEST(IOFileSystem, AnEmptyWriteChangesNothing) {
+  auto root = FormatXML::instance().build(R"(<root><x type="analog_io" value="1"/></root>)");
+  IOFileSystem files(*root);
+  FileStat dir, value;
+  ASSERT_EQ(files.lookup(FileSystemHandler::kRootIno, "x", dir), 0);
+  ASSERT_EQ(files.lookup(dir.ino, "value.json", value), 0);
+  uint64_t handle = 0;
+  ASSERT_EQ(files.open(value.ino, O_WRONLY, handle), 0);
+  LogCapture log;
+  size_t written = 99;
+  EXPECT_EQ(files.write(handle, "", written), 0);
+  EXPECT_EQ(written, 0u);
+  EXPECT_TRUE(log.entries().empty());
+  EXPECT_EQ(files.write(handle, "2", written), 0);
+  EXPECT_EQ(written, 1u);
+  EXPECT_EQ(static_cast<AnalogIO*>(root->find_path("x"))->get(), 2.0);
+  files.release(handle);
 }
 
 TEST(IOFileSystem, AFailedOpenLogsTheEscapedPathItsKindAndTheCause) {
