@@ -9,6 +9,7 @@ packages=(
   nlohmann-json3-dev libpugixml-dev libfmt-dev
   libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
+  python3-numpy  # the independent reference of the calibration fit test
 )
 packages+=("$@")
 
