@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <sys/un.h>
 
+#include <algorithm>
+
 #include "std/capabilities.hpp"
 #include "zel_process.hpp"
 
@@ -180,19 +182,27 @@ TEST(ApplicationRestart, FaultSignalsRestartInPlaceWithTheSamePidAndArguments) {
   EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
 }
 
-TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlace) {
+TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesFilesAgain) {
   TempDir dir;
   configure(dir, R"(<crash type="crash_on_request" request_file=")" + (dir / "crash") + R"("/>)");
-  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  std::filesystem::create_directory(dir / "io");
+  auto arguments = ZelProcess::arguments_for(dir);
+  *std::find(arguments.begin(), arguments.end(), "none") = dir / "io";
+  ZelProcess zel(kProgram, arguments);
   ASSERT_TRUE(zel.wait_for("Initialized"));
+  ASSERT_TRUE(std::filesystem::exists(dir / "io/crash"));
+
   touch(dir / "crash");
   ASSERT_TRUE(zel.wait_for("Initialized", 2));
   EXPECT_TRUE(zel.running());
   auto err = zel.error_text();
   EXPECT_LT(err.find("Crashing on request"), err.find("\rZEL FAULTED (11)\n"));
   EXPECT_EQ(zel.count("PID:" + std::to_string(zel.pid())), 2);
+  EXPECT_TRUE(std::filesystem::exists(dir / "io/crash")) << "the mount the crash left behind was replaced";
+
   zel.signal(SIGTERM);
   EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  EXPECT_FALSE(std::filesystem::exists(dir / "io/crash")) << "unmounted at the end";
 }
 
 TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
