@@ -1,12 +1,14 @@
 #include "core/admin_manager.hpp"
 
 #include "core/application.hpp"
+#include "core/store_manager.hpp"
 
 ZEL_REGISTER_NODE("admin_manager", AdminManager);
 
 AdminManager::AdminManager(const VTree& config) : Component(config) {
   add_lifecycle_buttons();
   describe("Administration", "Stop, restart, reboot and update the instrument.", "settings");
+  add_node<StoreManager>(config, "store_manager");
 }
 
 void AdminManager::add_lifecycle_buttons() {
