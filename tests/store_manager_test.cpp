@@ -21,6 +21,7 @@
 #include "core/store_manager.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
+#include "core/store_text.hpp"
 #include "std/atomic_file.hpp"
 #include "std/paths.hpp"
 
@@ -196,6 +197,23 @@ TEST(StoreFile, NoMembersNoFileAndNeverAssignedMembersAreLeftOut) {
   stores(*root).service();
   EXPECT_FALSE(fs::exists(data.store("network")));
   EXPECT_EQ(read_text(data.store("config")), "{\n \"set\": 1\n}");
+}
+
+TEST(StoreText, SplitsMembersInFileOrderWithTheirValueTextsAsTheyStand) {
+  std::vector<std::string> seen;
+  auto collect = [&](std::string_view path, std::string_view value) {
+    seen.push_back(std::string(path) + "=" + std::string(value));
+  };
+  std::string error;
+  // A byte-order mark, odd blanks, brackets and an escaped quote inside strings,
+  // an escaped key and a repeated one.
+  std::string text = "\xEF\xBB\xBF {" R"("z":["]}\"",{"a":[1]}] ,)" "\r\n\t" R"("b\u002Fq" :-1.5e3, "m":{}, "z":"}"})" "\n";
+  ASSERT_TRUE(StoreText::parse(text, collect, error)) << error;
+  EXPECT_EQ(seen, (std::vector<std::string>{R"(z=["]}\"",{"a":[1]}])", "b/q=-1.5e3", "m={}", R"(z="}")"}));
+  seen.clear();
+  EXPECT_TRUE(StoreText::parse(" {}", collect, error));
+  EXPECT_FALSE(StoreText::parse(R"({"a": 1, "b": )", collect, error));
+  EXPECT_TRUE(seen.empty());  // nothing of a malformed file is applied
 }
 
 TEST(Members, FieldsAndIOsJoinInTreeOrderAndUnknownStoreNamesAreLogged) {

@@ -9,17 +9,15 @@
 //
 // that is "{", then per member a "," unless it is the first, a line feed, one
 // blank, the quoted path, ": " and the value text; then a line feed and "}".
+#include <functional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 class StoreText {
  public:
-  // One member as read from a file.
-  struct Entry {
-    std::string path;
-    std::string_view value;  // the member's JSON text, within the parsed text
-  };
+  // Called per member of a parsed file: its path and its JSON text as it
+  // stands in the file.
+  using MemberVisitor = std::function<void(std::string_view path, std::string_view value)>;
 
   explicit StoreText(size_t expected_size = 0);
 
@@ -28,10 +26,10 @@ class StoreText {
   // The finished text; the writer is spent afterwards.
   std::string finish();
 
-  // Splits a file's text into its members, in the order they stand in the
-  // file (the entries point into `text`). False with the parser's message in
-  // `error` when the text is not a JSON object.
-  static bool parse(std::string_view text, std::vector<Entry>& entries, std::string& error);
+  // Checks that `text` is a JSON object, then visits its members in the
+  // order they stand in the file. False with the parser's message in `error`,
+  // and no member visited, when the text is not a JSON object.
+  static bool parse(std::string_view text, const MemberVisitor& visit, std::string& error);
 
  private:
   std::string text_;

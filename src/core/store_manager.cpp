@@ -29,6 +29,18 @@ ValueField<double>& seconds_setting(Node& node, const VTree& config, const char*
   return field;
 }
 
+// The field that a file entry sets: the field at `path`, or the value field
+// of the IO there. Null for a path that no longer exists (a setting of a node
+// that was removed: silently), and for anything else (logged).
+FieldBase* field_at(Root& root, std::string_view path) {
+  Vertex* v = root.find_path(path);
+  if (!v) return nullptr;
+  if (v->is_field()) return static_cast<FieldBase*>(v);
+  if (auto* io = dynamic_cast<IOBase*>(v); io && io->value_field()) return io->value_field();
+  ZEL_ERROR("Vertex is neither Field or IO '{}", path);
+  return nullptr;
+}
+
 std::string utc_now_text() {
   return fmt::format("{:%Y%m%d-%H%M%S}", fmt::gmtime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())));
 }
@@ -135,30 +147,20 @@ bool StoreManager::apply_file(Root& root, Store& store) {
     ZEL_INFO("Store '{}' has no members: '{}' is not loaded", store.name, file);
     return false;
   }
-  std::vector<StoreText::Entry> entries;
-  if (!StoreText::parse(text, entries, error)) {
+  bool rewrite = false;
+  size_t next = 0;  // files come in member order: the next member is the likely one
+  auto apply = [&](std::string_view path, std::string_view value) {
+    FieldBase* target;
+    if (next < store.members.size() && store.members[next].path == path) target = store.members[next++].value;
+    else target = field_at(root, path);
+    if (!target) return;
+    // A value that does not convert is logged by the field and leaves its default.
+    if (!target->read_json(value)) rewrite = true;
+  };
+  if (!StoreText::parse(text, apply, error)) {
     ZEL_ERROR("Malformed store file '{}': {}", file, error);
     keep_malformed_file_aside(file);
     return true;
-  }
-  bool rewrite = false;
-  size_t next = 0;  // files come in member order: the next member is the likely one
-  for (auto& entry : entries) {
-    FieldBase* target = nullptr;
-    if (next < store.members.size() && store.members[next].path == entry.path) {
-      target = store.members[next++].value;
-    } else {
-      Vertex* v = root.find_path(entry.path);
-      if (!v) continue;  // a setting of a node that no longer exists
-      if (v->is_field()) target = static_cast<FieldBase*>(v);
-      else if (auto* io = dynamic_cast<IOBase*>(v)) target = io->value_field();
-      if (!target) {
-        ZEL_ERROR("Vertex is neither Field or IO '{}", entry.path);
-        continue;
-      }
-    }
-    // A value that does not convert is logged by the field and leaves its default.
-    if (!target->read_json(entry.value)) rewrite = true;
   }
   return rewrite;
 }

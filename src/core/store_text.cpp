@@ -64,7 +64,7 @@ std::string StoreText::finish() {
   return std::move(text_);
 }
 
-bool StoreText::parse(std::string_view text, std::vector<Entry>& entries, std::string& error) {
+bool StoreText::parse(std::string_view text, const MemberVisitor& visit, std::string& error) {
   // The library checks the text; splitting a checked object needs no more
   // than matching quotes and brackets, and hands each member's value text on
   // as it stands instead of building and re-printing a document.
@@ -77,23 +77,20 @@ bool StoreText::parse(std::string_view text, std::vector<Entry>& entries, std::s
     }
     return false;
   }
-  size_t i = skip_blanks(text, 0);
+  size_t i = skip_blanks(text, text.starts_with("\xEF\xBB\xBF") ? 3 : 0);  // the library allows a byte-order mark
   if (text[i] != '{') {
     error = "the text is JSON but not an object";
     return false;
   }
-  entries.clear();
+  std::string decoded;  // a key with escapes, unescaped
   for (i = skip_blanks(text, i + 1); text[i] != '}'; i = skip_blanks(text, i)) {
     if (text[i] == ',') i = skip_blanks(text, i + 1);
     size_t key_end = skip_string(text, i);
-    auto key = text.substr(i, key_end - i);
-    Entry entry;
-    if (key.find('\\') == std::string_view::npos) entry.path.assign(key.substr(1, key.size() - 2));
-    else x2x::from_json(key, entry.path);
+    auto path = text.substr(i + 1, key_end - i - 2);
+    if (path.find('\\') != std::string_view::npos && x2x::from_json(text.substr(i, key_end - i), decoded)) path = decoded;
     i = skip_blanks(text, skip_blanks(text, key_end) + 1);  // past the ':'
     size_t value_end = skip_value(text, i);
-    entry.value = text.substr(i, value_end - i);
-    entries.push_back(std::move(entry));
+    visit(path, text.substr(i, value_end - i));
     i = value_end;
   }
   return true;
