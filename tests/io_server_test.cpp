@@ -30,6 +30,7 @@
 #include "core/root.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
+#include "wait_until.hpp"
 
 namespace {
 
@@ -64,15 +65,6 @@ bool is_mount_point(const std::string& dir) {
   if (stat(dir.c_str(), &here) != 0) return errno == ENOTCONN;
   if (stat((dir + "/..").c_str(), &parent) != 0) return false;
   return here.st_dev != parent.st_dev;
-}
-
-bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds limit = 10s) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(5ms);
-  }
-  return true;
 }
 
 struct ReadResult {
