@@ -1,9 +1,4 @@
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <spawn.h>
-#include <stdlib.h>
-#include <sys/wait.h>
 
 #include <chrono>
 #include <filesystem>
@@ -20,11 +15,12 @@
 #include "core/root.hpp"
 #include "core/store_manager.hpp"
 #include "formats/format_xml.hpp"
-#include "log_capture.hpp"
-#include "wait_until.hpp"
 #include "core/store_text.hpp"
+#include "log_capture.hpp"
 #include "std/atomic_file.hpp"
 #include "std/paths.hpp"
+#include "wait_until.hpp"
+#include "zel_process.hpp"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -32,19 +28,11 @@ using namespace std::chrono_literals;
 namespace {
 
 // A fresh data root for one test, removed afterwards.
-class DataRoot {
+class DataRoot : public TempDir {
  public:
-  DataRoot() {
-    std::string pattern = (fs::temp_directory_path() / "zel-stores-XXXXXX").string();
-    dir_ = mkdtemp(pattern.data());
-    Paths::set_data_root(dir_);
-  }
-  ~DataRoot() { fs::remove_all(dir_); }
-  const std::string& dir() const { return dir_; }
+  DataRoot() { Paths::set_data_root(dir()); }
+  std::string dir() const { return path().string(); }
   std::string store(const std::string& name) const { return Paths::store_file(name); }
-
- private:
-  std::string dir_;
 };
 
 std::string read_text(const std::string& path) {
@@ -73,19 +61,11 @@ T& at(Root& root, const char* path) {
   return dynamic_cast<T&>(*root.find_path(path));
 }
 
-// The real program on `config`, its output in "zel.log" of the data root.
-pid_t spawn_zel(const DataRoot& data, const std::string& config) {
-  const std::string log = data.dir() + "/zel.log", pid_file = data.dir() + "/zel.pid";
-  const char* argv[] = {ZEL_BINARY, "--data-root", data.dir().c_str(), "--pid-file", pid_file.c_str(),
-                        "--io-mount", "none", "--port", "0", config.c_str(), nullptr};
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, 1, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-  posix_spawn_file_actions_adddup2(&actions, 1, 2);
-  pid_t pid = 0;
-  if (posix_spawn(&pid, ZEL_BINARY, &actions, nullptr, const_cast<char**>(argv), environ) != 0) pid = -1;
-  posix_spawn_file_actions_destroy(&actions);
-  return pid;
+// The real program on `config`, with the data root as its working folder.
+std::unique_ptr<ZelProcess> start_zel(const DataRoot& data, const std::string& config) {
+  auto arguments = ZelProcess::arguments_for(data);
+  arguments.push_back(config);
+  return std::make_unique<ZelProcess>(ZEL_BINARY, arguments);
 }
 
 // Timers off: only explicit saves, the service action and shutdown write.
@@ -338,15 +318,14 @@ TEST(Saving, RealProgramWritesPendingChangesWhenTerminated) {
   const std::string config = data.dir() + "/zel.xml";
   write_text(config, R"(<root><admin><store_manager save_delay="0"/></admin>
                           <churn type="store_exerciser" store="admin" size="8"/></root>)");
-  pid_t pid = spawn_zel(data, config);
-  ASSERT_GT(pid, 0);
-  ASSERT_TRUE(wait_until([&] { return read_text(data.dir() + "/zel.log").find("Initialized") != std::string::npos; }));
+  auto zel = start_zel(data, config);
+  ASSERT_TRUE(zel->wait_for("Initialized")) << zel->error_text();
   std::this_thread::sleep_for(200ms);  // the exerciser counts meanwhile
   EXPECT_FALSE(fs::exists(data.store("admin")));
-  kill(pid, SIGTERM);
-  waitpid(pid, nullptr, 0);
+  zel->signal(SIGTERM);
+  EXPECT_TRUE(zel->wait_exit(10s));
   auto doc = nlohmann::json::parse(read_text(data.store("admin")), nullptr, false);
-  ASSERT_TRUE(doc.is_object()) << read_text(data.dir() + "/zel.log");
+  ASSERT_TRUE(doc.is_object()) << zel->error_text();
   EXPECT_GT(doc["churn/generation"].get<unsigned long long>(), 0u);
 }
 
@@ -383,15 +362,13 @@ TEST(CrashSafety, KilledWhileSavingEveryStoreFileIsTheOldOrTheNewOne) {
   int kills = 0, mid_write = 0;
   auto deadline = std::chrono::steady_clock::now() + 5s;
   while (kills < 25 && std::chrono::steady_clock::now() < deadline) {
-    pid_t pid = spawn_zel(data, config);
-    ASSERT_GT(pid, 0);
+    auto zel = start_zel(data, config);
     // Once this process has saved something newer, kill it at a random moment.
     bool saved = wait_until([&] { return generation_in(read_text(file)) > last; }, 3s);
     std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
-    kill(pid, SIGKILL);
-    int status = 0;
-    waitpid(pid, &status, 0);
-    ASSERT_TRUE(saved) << read_text(data.dir() + "/zel.log");
+    zel->signal(SIGKILL);
+    ASSERT_TRUE(zel->wait_exit(10s));
+    ASSERT_TRUE(saved) << zel->error_text();
     ++kills;
     if (fs::exists(AtomicFile::temporary_for(file))) ++mid_write;
 
