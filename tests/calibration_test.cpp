@@ -281,37 +281,6 @@ TEST(CalibrationPoly, CopyFitAsksFirstAndRefusesMissingOrNonFiniteResults) {
   EXPECT_EQ(cal.calibrated().get(), 2.0);
 }
 
-// The store file as the store manager keeps it: a JSON object from tree paths
-// to value texts. Until the store manager is part of the tree, the test saves
-// and loads the "calibration" members the way it does.
-namespace {
-
-std::string calibration_store_text(Root& root) {
-  std::string text = "{";
-  bool first = true;
-  root.visit([&](Vertex& v) {
-    const FieldBase* value = nullptr;
-    if (auto* io = dynamic_cast<IOBase*>(&v); io && io->store() == "calibration") value = io->value_field();
-    if (auto* f = dynamic_cast<FieldBase*>(&v); f && f->attributes() && f->attributes()->store == "calibration") value = f;
-    if (!value) return;
-    text += first ? "\n \"" : ",\n \"";
-    first = false;
-    text += v.path() + "\": " + value->json();
-  });
-  return text + "\n}";
-}
-
-void load_store_file(Root& root, const std::string& file) {
-  auto members = nlohmann::ordered_json::parse(std::ifstream(file));  // in file order
-  for (auto& [path, value] : members.items()) {
-    Vertex* v = root.find_path(path);
-    if (auto* io = dynamic_cast<IOBase*>(v)) v = io->value_field();
-    if (v) v->read_json(value.dump());
-  }
-}
-
-}  // namespace
-
 TEST(CalibrationStore, CopiedFitSurvivesARestartThroughTheCalibrationStore) {
   TempDir dir;
   Paths::set_data_root(dir.path.string());
@@ -325,8 +294,7 @@ TEST(CalibrationStore, CopiedFitSurvivesARestartThroughTheCalibrationStore) {
     set_points(cal.model(), {-2, -1, 0, 1, 2, 3, 5}, [](double x) { return 1 + 0.5 * x - 0.25 * x * x; });
     ASSERT_TRUE(cal.copy_fit());
     copied = values_of(cal);
-    std::ofstream(Paths::store_file("calibration")) << calibration_store_text(*root);
-  }
+  }  // the store manager writes pending changes at shutdown
   auto stored = nlohmann::json::parse(std::ifstream(Paths::store_file("calibration")));
   EXPECT_EQ(stored.size(), 4u + 14u + 1u);  // the coefficients, the points and the fit mode
   EXPECT_EQ(stored["cal/gain"], copied[1]);
@@ -334,10 +302,9 @@ TEST(CalibrationStore, CopiedFitSurvivesARestartThroughTheCalibrationStore) {
   EXPECT_EQ(stored["cal/poly_model/model/p6/measured"], 5.0);
   EXPECT_FALSE(stored.contains("cal/poly_model/fit_results/gain"));
 
-  auto root = build(xml);
+  // The stored fit mode wins over the configured one.
+  auto root = build(R"(<root><adc type="analog_io"/><cal type="calibration_poly" channel="adc" order="linear"/></root>)");
   root->initialize();
-  at<CalibrationPoly>(*root, "cal").model().order().set("linear");  // a stored value must win over this
-  load_store_file(*root, Paths::store_file("calibration"));
   auto& cal = at<CalibrationPoly>(*root, "cal");
   EXPECT_EQ(values_of(cal), copied);
   EXPECT_EQ(cal.model().order().get(), "quad");
