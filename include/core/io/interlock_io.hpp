@@ -98,6 +98,10 @@ class InterlockIO : public StateIO<int> {
 
   DigitalIO& enabled_;
   DigitalIO& latching_;
+  // The values evaluate() reads, one indirection closer: evaluating many
+  // interlocks at once (enable all) is bound by memory latency.
+  ValueField<bool>& enabled_value_;
+  ValueField<bool>& latching_value_;
   ValueField<double>& error_time_duration_;
   ValueField<unsigned long long>& state_time_;
   Field<std::string>* color_ = nullptr;

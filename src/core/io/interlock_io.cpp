@@ -36,6 +36,8 @@ InterlockIO::InterlockIO(const VTree& config, std::function<int()> condition, st
       // A safety interlock guards from the start unless configured otherwise.
       enabled_(bool_io_setting(*this, config, "enabled", true)),
       latching_(bool_io_setting(*this, config, "latching", false)),
+      enabled_value_(enabled_.value()),
+      latching_value_(latching_.value()),
       error_time_duration_(add_setting<ValueField<double>>(config, "error_time_duration")),
       state_time_(add<ValueField<unsigned long long>>("state_time")),
       condition_function_(std::move(condition)) {
@@ -77,13 +79,13 @@ bool InterlockIO::set_tolerance(double readback, double command, double limit, d
 
 void InterlockIO::evaluate() {
   auto& state = value();
-  if (!enabled_.get()) {
+  if (!enabled_value_.get()) {
     pending_.store(false, std::memory_order_relaxed);
     state.set(Ok);  // notifies when never assigned or not 0
     return;
   }
   int result = condition_.get();
-  bool latching = latching_.get();
+  bool latching = latching_value_.get();
   if (result == Error && error_time_duration_.assigned() &&
       !(condition_timer_.elapsed() > error_time_duration_.get())) {
     pending_.store(true, std::memory_order_relaxed);
