@@ -71,6 +71,10 @@ class Node : public Vertex {
   // Creates the configured children (sub-elements that name a type) that the
   // class's own constructor did not create; failures are logged and skipped.
   void build_configured_children(const VTree& config);
+  // Logs a node that could not be built, in the factory's words, and counts
+  // it as a configuration error. Also for failures found after construction
+  // (a configured path that does not resolve once the tree exists).
+  static void report_build_failure(std::string_view path, std::string_view type, std::string_view what);
 
   // A child node made from the named child subtree of `config` (defaults when
   // the subtree is absent).

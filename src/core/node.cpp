@@ -166,8 +166,12 @@ void Node::build_configured_children(const VTree& config) {
       }
       adopt(std::move(node));
     } catch (const std::exception& e) {
-      ZEL_ERROR("Failed to build '{}' ({}): {}", sub.path(), sub.type(), e.what());
-      Root::count_configuration_error();
+      report_build_failure(sub.path(), sub.type(), e.what());
     }
   }
+}
+
+void Node::report_build_failure(std::string_view path, std::string_view type, std::string_view what) {
+  ZEL_ERROR("Failed to build '{}' ({}): {}", path, type, what);
+  Root::count_configuration_error();
 }
