@@ -30,11 +30,17 @@ uint64_t compute_stamp() {
          reference_steady.load(std::memory_order_relaxed);
 }
 
+void take_reference() {
+  reference_steady.store(Clock::steady_ns(), std::memory_order_relaxed);
+  reference_wall.store(Clock::wall_ns(), std::memory_order_relaxed);
+  Clock::refresh();
+}
+
 // Refreshes the cached stamp every millisecond for the life of the process.
 class Ticker {
  public:
   Ticker() {
-    Clock::reset_reference();
+    take_reference();
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "clock");
       while (!stop_.load(std::memory_order_relaxed)) {
@@ -88,9 +94,10 @@ void Clock::refresh() {
 }
 
 void Clock::reset_reference() {
-  reference_steady.store(steady_ns(), std::memory_order_relaxed);
-  reference_wall.store(wall_ns(), std::memory_order_relaxed);
-  refresh();
+  // The ticker must run before the cached stamp is set: cached_ns() starts it
+  // only while the stamp is still zero.
+  ensure_ticker();
+  take_reference();
 }
 
 void Clock::set_source(Source* s) {

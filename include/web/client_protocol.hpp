@@ -1,0 +1,78 @@
+#pragma once
+// ClientProtocol: what a WebSocket client may ask of the tree and what it is
+// sent back; the part of a WebSocket session that knows nothing of sockets.
+//
+// A client message is a JSON object {"event": name, "data": any}; the handler
+// registered for the event runs with the raw text of "data". Events:
+//   "subscribe"   {"<field path>": mode, ...}: watch these fields. A mode of
+//                 "history" reports every change, anything else the latest.
+//   "set"         {"<field path>": value, ...}: set each field from the value
+//                 text with its JSON read operation.
+//   "unsubscribe" {"<field path>": any, ...}: stop watching these fields.
+// Each member is handled on its own, so one bad path does not stop the rest.
+// Bad input is logged (at most kLoggedProblems lines per client) and
+// otherwise ignored; the client gets no error reply.
+//
+// A push pass writes {"event": "update","data":{ then, for every subscription
+// whose field changed, "<path>":[[value,stamp],...], and closes with "}}".
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+#include <fmt/format.h>
+#include <nlohmann/json_fwd.hpp>
+
+#include "core/vertex.hpp"
+#include "web/push_trigger.hpp"
+#include "web/subscription.hpp"
+
+class ClientProtocol {
+ public:
+  static constexpr std::string_view kUpdateOpening = R"({"event": "update","data":{)";
+  static constexpr size_t kPushBufferReserve = 32768;
+  // A pass stops walking after this much time; the rest waits for the next.
+  static constexpr double kPassBudgetSeconds = 0.5;
+  // A pass that takes longer is logged as slow.
+  static constexpr double kSlowPassSeconds = 0.1;
+  static constexpr size_t kLoggedProblems = 100;
+
+  using Handler = std::function<void(std::string_view data)>;
+
+  struct PassResult {
+    bool wrote = false;     // at least one member: `out` is to be sent
+    bool complete = true;   // every subscription was visited
+    double seconds = 0;
+  };
+
+  ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions);
+
+  // Parses one client message and runs its event's handler.
+  void handle_message(std::string_view text);
+  // One push pass into `out` (cleared first). Rearms the trigger first.
+  PassResult write_push(std::string& out);
+
+  size_t subscription_count() const { return subscriptions_.size(); }
+
+ private:
+  void subscribe(std::string_view data);
+  void set(std::string_view data);
+  void unsubscribe(std::string_view data);
+  // The "data" of those three: an object whose member names are field paths.
+  bool parse_members(std::string_view data, std::string_view event, nlohmann::json& members);
+  // Problems in what a client sent, logged up to kLoggedProblems times.
+  template <class... Args>
+  void problem(fmt::format_string<Args...> format, Args&&... args);
+
+  Vertex& tree_;
+  std::shared_ptr<PushTrigger> trigger_;
+  size_t max_subscriptions_;
+  std::unordered_map<std::string, Handler> handlers_;
+  std::vector<std::unique_ptr<Subscription>> subscriptions_;  // in the order they were made
+  std::unordered_set<const FieldBase*> subscribed_;
+  size_t cursor_ = 0;  // where the next pass starts: after the last one's stop
+  size_t problems_ = 0;
+};
