@@ -46,6 +46,7 @@ FieldAccess::Outcome FieldAccess::set(Vertex& tree, std::string_view path, std::
                         field->value_type_name());
     return Outcome::Refused;
   }
-  ZEL_INFO("Web client set '{}' to {}", field->path(), shown);
+  if (is_button(*field)) ZEL_INFO("Web client pressed '{}'", field->path());
+  else ZEL_INFO("Web client set '{}' to {}", field->path(), shown);
   return Outcome::Done;
 }

@@ -54,7 +54,8 @@ json describe_field(const FieldBase& field) {
       {"stamp", field.stamp()},
   };
   // An IO's value takes the IO's units when it has none of its own.
-  if (out["units"] == "" && owner) out["units"] = owner->units();
+  auto* io = dynamic_cast<const IOBase*>(owner);
+  if (out["units"] == "" && io && io->value_field() == &field) out["units"] = io->units();
   return out;
 }
 

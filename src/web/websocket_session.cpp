@@ -20,7 +20,7 @@ websocket::permessage_deflate deflate_options() {
   websocket::permessage_deflate options;
   options.server_enable = true;
   options.server_max_window_bits = 11;
-  options.compLevel = 6;
+  options.compLevel = 1;
   return options;
 }
 
