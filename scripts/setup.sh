@@ -9,11 +9,14 @@ packages=(
   nlohmann-json3-dev libpugixml-dev libfmt-dev
   libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
+  chromium nodejs npm
 )
 packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do
+  # Node.js from other sources brings its own npm; the command is what counts.
+  [[ "$p" == npm ]] && command -v npm >/dev/null && continue
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done
