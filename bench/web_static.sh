@@ -4,7 +4,10 @@
 # on 127.0.0.1. Both serve the page's own files from the same folder with the
 # same number of workers. Needs wrk and nginx (Debian packages "wrk", "nginx").
 #
-#   bench/web_static.sh            # BUILD=build DURATION=10 CONNECTIONS=50 WORKERS=2
+#   bench/web_static.sh    # BUILD=build DURATION=10 CONNECTIONS=50 WORKERS=2 ROUNDS=3
+#
+# Besides requests per second it reports the servers' CPU time per request
+# (user and system, from /proc), which a busy machine disturbs much less.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 BUILD=${BUILD:-build}
@@ -64,15 +67,39 @@ done
 [[ -n "$zel_port" ]] || { echo "web_static: zel did not listen" >&2; cat "$dir/zel.log" >&2; exit 1; }
 sleep 0.5
 
-rate() {  # url -> requests per second
-  wrk -t2 -c"$CONNECTIONS" -d"${DURATION}s" "$1" | awk '/Requests\/sec/ {print $2}'
+# CPU time (clock ticks) used so far by a process and its children processes.
+cpu_ticks() {
+  local total=0 pid
+  for pid in "$1" $(pgrep -P "$1" || true); do
+    total=$((total + $(awk '{print $14 + $15}' "/proc/$pid/stat")))
+  done
+  echo "$total"
 }
 
-printf "%-16s %8s %12s %12s %7s\n" file bytes zel_req_s nginx_req_s ratio
+# url pid -> "requests_per_second cpu_microseconds_per_request"
+measure() {
+  local before after rate
+  before=$(cpu_ticks "$2")
+  rate=$(wrk -t2 -c"$CONNECTIONS" -d"${DURATION}s" "$1" | awk '/Requests\/sec/ {print $2}')
+  after=$(cpu_ticks "$2")
+  awk -v r="$rate" -v t=$((after - before)) -v hz="$(getconf CLK_TCK)" -v d="$DURATION" \
+    'BEGIN {printf "%.0f %.1f\n", r, t / hz * 1e6 / (r * d)}'
+}
+
+median() { sort -n | awk '{a[NR] = $1} END {print a[int((NR + 1) / 2)]}'; }
+
+# Runs alternate between the two servers, so a change in the machine's load
+# hits both; the medians are reported.
+printf "%-14s %6s %10s %10s %6s %12s %12s\n" file bytes zel_req/s nginx_req/s ratio zel_us_cpu nginx_us_cpu
 for file in "${FILES[@]}"; do
   size=$(stat -c %s "web/$file")
-  zel=$(rate "http://127.0.0.1:$zel_port/$file")
-  ngx=$(rate "http://127.0.0.1:$nginx_port/$file")
+  zr=() zc=() nr=() nc=()
+  for _ in $(seq "${ROUNDS:-3}"); do
+    read -r r c < <(measure "http://127.0.0.1:$zel_port/$file" "$zel_pid"); zr+=("$r"); zc+=("$c")
+    read -r r c < <(measure "http://127.0.0.1:$nginx_port/$file" "$nginx_pid"); nr+=("$r"); nc+=("$c")
+  done
+  zel=$(printf "%s\n" "${zr[@]}" | median); ngx=$(printf "%s\n" "${nr[@]}" | median)
+  zcpu=$(printf "%s\n" "${zc[@]}" | median); ncpu=$(printf "%s\n" "${nc[@]}" | median)
   ratio=$(awk -v a="$zel" -v b="$ngx" 'BEGIN {printf "%.2f", a / b}')
-  printf "%-16s %8s %12s %12s %7s\n" "$file" "$size" "$zel" "$ngx" "$ratio"
+  printf "%-14s %6s %10s %10s %6s %12s %12s\n" "$file" "$size" "$zel" "$ngx" "$ratio" "$zcpu" "$ncpu"
 done

@@ -303,6 +303,27 @@ TEST(WebDocumentRoot, FoldersGiveTheirIndexAndBareNamesTryHtml) {
   EXPECT_EQ(DocumentRoot(dir.path().string() + "/absent").find("/", file), DocumentRoot::Result::NotFound);
 }
 
+TEST(WebDocumentRoot, KeptFilesAreServedFreshAfterEditsAndSwappedLinksAreJudgedAgain) {
+  TempDir dir;
+  dir.write("web/page.html", "first");
+  dir.write("secret.txt", "top secret");
+  DocumentRoot documents((dir.path() / "web").string());
+  DocumentRoot::Document file;
+  ASSERT_EQ(documents.find("/page.html", file), DocumentRoot::Result::Found);
+  ASSERT_EQ(documents.find("/page.html", file), DocumentRoot::Result::Found);  // now from memory
+  EXPECT_EQ(file.content, "first");
+
+  dir.write("web/page.html", "second, longer");
+  ASSERT_EQ(documents.find("/page.html", file), DocumentRoot::Result::Found);
+  EXPECT_EQ(file.content, "second, longer");
+
+  fs::remove(dir.path() / "web/page.html");
+  fs::create_symlink(dir.path() / "secret.txt", dir.path() / "web/page.html");
+  file.content.clear();
+  EXPECT_EQ(documents.find("/page.html", file), DocumentRoot::Result::Refused);
+  EXPECT_EQ(file.content.find("secret"), std::string::npos);
+}
+
 // ------------------------------------------------------------------ HTTP API
 
 namespace {

@@ -5,6 +5,7 @@
 // can (openat2 with RESOLVE_BENEATH), otherwise by comparing resolved paths.
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -18,14 +19,26 @@ class ConfinedDirectory {
     Failed,       // not a regular file, too large, or unreadable
   };
 
+  // What tells two versions of a file apart without reading them.
+  struct Identity {
+    uint64_t device = 0, inode = 0, size = 0;
+    int64_t modified_ns = 0, changed_ns = 0;
+    bool operator==(const Identity&) const = default;
+  };
+
   explicit ConfinedDirectory(std::string dir);
   ~ConfinedDirectory();
   ConfinedDirectory(const ConfinedDirectory&) = delete;
   ConfinedDirectory& operator=(const ConfinedDirectory&) = delete;
 
-  // Reads the regular file at `relative` (no leading "/") into `content`.
-  // Safe to call from several threads at once.
-  Status read(const std::string& relative, std::string& content, size_t max_size) const;
+  // Reads the regular file at `relative` (no leading "/") into `content`,
+  // and its identity when asked. Safe to call from several threads at once.
+  Status read(const std::string& relative, std::string& content, size_t max_size,
+              Identity* identity = nullptr) const;
+  // The identity of what `relative` names now, without opening it; false
+  // when there is nothing. It does not confine the path: a caller compares
+  // it with the identity of a file it read before.
+  bool identify(const std::string& relative, Identity& identity) const;
 
   const std::string& dir() const { return dir_; }
 

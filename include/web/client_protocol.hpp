@@ -15,12 +15,15 @@
 //
 // A push pass writes {"event": "update","data":{ then, for every subscription
 // whose field changed, "<path>":[[value,stamp],...], and closes with "}}".
+// It visits the subscriptions its trigger queued, in the order they were
+// made, for at most kPassBudgetSeconds; those it did not reach come first in
+// the next pass.
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <vector>
 
 #include <fmt/format.h>
@@ -52,7 +55,7 @@ class ClientProtocol {
 
   // Parses one client message and runs its event's handler.
   void handle_message(std::string_view text);
-  // One push pass into `out` (cleared first). Rearms the trigger first.
+  // One push pass into `out` (cleared first).
   PassResult write_push(std::string& out);
 
   size_t subscription_count() const { return subscriptions_.size(); }
@@ -71,8 +74,11 @@ class ClientProtocol {
   std::shared_ptr<PushTrigger> trigger_;
   size_t max_subscriptions_;
   std::unordered_map<std::string, Handler> handlers_;
-  std::vector<std::unique_ptr<Subscription>> subscriptions_;  // in the order they were made
-  std::unordered_set<const FieldBase*> subscribed_;
-  size_t cursor_ = 0;  // where the next pass starts: after the last one's stop
+  // By number, which grows with each subscription: map order is the order
+  // they were made.
+  std::map<uint64_t, std::unique_ptr<Subscription>> subscriptions_;
+  std::unordered_map<const FieldBase*, Subscription*> by_field_;
+  uint64_t next_id_ = 1;
+  std::vector<uint64_t> queued_;  // taken from the trigger, not yet visited
   size_t problems_ = 0;
 };

@@ -3,15 +3,24 @@
 // target into a file beneath the document root, refuses every target that
 // would leave it ("..", encoded or not, links pointing out), and says how a
 // file is typed and cached.
+//
+// Small files are kept in memory once read; a kept file is served again only
+// while the file at its path is still the same (device, inode, size and
+// times), so edits show at once and a swapped link is read, and judged, anew.
+#include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 
 #include "std/confined_directory.hpp"
 
 class DocumentRoot {
  public:
   static constexpr size_t kMaxFileSize = 16u << 20;
+  static constexpr size_t kKeptFileSize = 256u << 10;
+  static constexpr size_t kKeptFiles = 512;
 
   struct Document {
     std::string content;
@@ -40,7 +49,17 @@ class DocumentRoot {
   static std::string_view cache_control(std::string_view path);
 
  private:
-  Result read(const std::string& relative, Document& out) const;
+  struct Kept {
+    std::string path;  // the file that answered the target
+    ConfinedDirectory::Identity identity;
+    std::shared_ptr<const std::string> content;
+  };
+
+  Result read(const std::string& relative, Document& out, Kept& kept) const;
+  bool from_memory(const std::string& relative, Document& out) const;
+  void keep(const std::string& relative, Kept kept) const;
 
   ConfinedDirectory files_;
+  mutable std::mutex kept_mutex_;  // guards kept_
+  mutable std::unordered_map<std::string, Kept> kept_;  // by relative target path
 };

@@ -7,19 +7,18 @@
 #include <memory>
 #include <optional>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 
 #include "web/http_work_queue.hpp"
+#include "web/web_stream.hpp"
 
 class WebShared;
 
 class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
  public:
-  HTTPSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<WebShared> shared);
+  HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared);
   ~HTTPSession();
 
   void run();
@@ -34,7 +33,7 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   void on_write(boost::beast::error_code ec, size_t bytes);
   void do_close();
 
-  boost::beast::tcp_stream stream_;
+  WebTcpStream stream_;
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<WebShared> shared_;
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;

@@ -1,33 +1,39 @@
 #pragma once
 // PushTrigger: how field changes made on any thread reach one WebSocket
-// session. The first change after a push pass wakes the session (the wake
-// posts to the session's strand); later changes find a wake pending and cost
-// one atomic exchange each. Once cut, nothing is woken any more: a session
-// cuts its trigger when it ends, the server cuts all of them when it stops,
-// before its threads and their queues go away.
-#include <atomic>
+// session. A change queues the number of the subscription that saw it (once
+// until the session takes it) and, when the queue was empty, wakes the
+// session (the wake posts to the session's strand). A push pass then visits
+// only the subscriptions that changed. Once cut, nothing is woken any more: a
+// session cuts its trigger when it ends, the server cuts all of them when it
+// stops, before its threads and their queues go away.
+#include <cstdint>
 #include <functional>
 #include <mutex>
+#include <vector>
 
 class PushTrigger {
  public:
   using Wake = std::function<void()>;
-
-  PushTrigger() = default;
 
   // Sets what a change does (post to the session's strand); ignored once cut.
   void set_wake(Wake wake) {
     std::lock_guard lock(mutex_);
     if (!cut_) wake_ = std::move(wake);
   }
-  // Any thread: a watched field changed.
-  void notify() {
-    if (pending_.exchange(true, std::memory_order_acq_rel)) return;
+
+  // Any thread: subscription `id` saw a change.
+  void notify(uint64_t id) {
     std::lock_guard lock(mutex_);
-    if (wake_) wake_();
+    changed_.push_back(id);
+    if (changed_.size() == 1 && wake_) wake_();
   }
-  // The session, as a push pass begins: changes from now on wake it again.
-  void rearm() { pending_.store(false, std::memory_order_release); }
+  // The session: the subscriptions that changed since the last take, in the
+  // order the changes came.
+  void take(std::vector<uint64_t>& out) {
+    std::lock_guard lock(mutex_);
+    out.insert(out.end(), changed_.begin(), changed_.end());
+    changed_.clear();
+  }
   // No wake after this returns; a wake in progress is waited for.
   void cut() {
     std::lock_guard lock(mutex_);
@@ -36,8 +42,8 @@ class PushTrigger {
   }
 
  private:
-  std::atomic<bool> pending_{false};
-  std::mutex mutex_;  // guards wake_ and cut_ between notify() and cut()
+  std::mutex mutex_;  // guards all below, between notify(), take() and cut()
+  std::vector<uint64_t> changed_;
   Wake wake_;
   bool cut_ = false;
 };

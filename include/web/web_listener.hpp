@@ -13,6 +13,8 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
 
+#include "web/web_stream.hpp"
+
 class WebShared;
 
 class WebListener : public std::enable_shared_from_this<WebListener> {
@@ -30,7 +32,7 @@ class WebListener : public std::enable_shared_from_this<WebListener> {
 
  private:
   void do_accept();
-  void on_accept(boost::beast::error_code ec, boost::asio::ip::tcp::socket socket);
+  void on_accept(boost::beast::error_code ec, WebSocketTcp socket);
 
   boost::asio::ip::tcp::acceptor acceptor_;
   std::vector<boost::asio::io_context*> session_ios_;

@@ -14,15 +14,14 @@
 #include <memory>
 #include <string>
 
-#include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
-#include <boost/beast/core/tcp_stream.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
 #include <boost/beast/websocket/stream.hpp>
 
 #include "web/client_protocol.hpp"
+#include "web/web_stream.hpp"
 
 class WebShared;
 
@@ -30,7 +29,7 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
  public:
   using Request = boost::beast::http::request<boost::beast::http::string_body>;
 
-  WebsocketSession(boost::asio::ip::tcp::socket&& socket, std::shared_ptr<WebShared> shared);
+  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared);
   ~WebsocketSession();
 
   // Completes the upgrade that `request` asked for; on the connection's strand.
@@ -46,7 +45,7 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
   void on_write(boost::beast::error_code ec, size_t bytes);
   void end();
 
-  boost::beast::websocket::stream<boost::beast::tcp_stream> ws_;
+  boost::beast::websocket::stream<WebTcpStream> ws_;
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<WebShared> shared_;
   std::shared_ptr<PushTrigger> trigger_;

@@ -40,6 +40,16 @@ int open_and_check(int dir_fd, const std::string& dir, const std::string& relati
   return fd;
 }
 
+ConfinedDirectory::Identity identity_of(const struct stat& info) {
+  ConfinedDirectory::Identity id;
+  id.device = info.st_dev;
+  id.inode = info.st_ino;
+  id.size = static_cast<uint64_t>(info.st_size);
+  id.modified_ns = static_cast<int64_t>(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec;
+  id.changed_ns = static_cast<int64_t>(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec;
+  return id;
+}
+
 ConfinedDirectory::Status status_of_errno(int error) {
   switch (error) {
     case ENOENT:
@@ -74,8 +84,16 @@ int ConfinedDirectory::descriptor() const {
   return expected;
 }
 
+bool ConfinedDirectory::identify(const std::string& relative, Identity& identity) const {
+  int dir_fd = descriptor();
+  struct stat info {};
+  if (dir_fd < 0 || fstatat(dir_fd, relative.c_str(), &info, 0) != 0) return false;
+  identity = identity_of(info);
+  return true;
+}
+
 ConfinedDirectory::Status ConfinedDirectory::read(const std::string& relative, std::string& content,
-                                                  size_t max_size) const {
+                                                  size_t max_size, Identity* identity) const {
   int dir_fd = descriptor();
   if (dir_fd < 0) return Status::NotFound;
   int fd = open_beneath(dir_fd, relative);
@@ -95,6 +113,7 @@ ConfinedDirectory::Status ConfinedDirectory::read(const std::string& relative, s
     close(fd);
     return status;
   }
+  if (identity) *identity = identity_of(info);
   content.resize(static_cast<size_t>(info.st_size));
   size_t done = 0;
   while (done < content.size()) {

@@ -1,5 +1,7 @@
 #include "web/client_protocol.hpp"
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "core/clock.hpp"
@@ -85,9 +87,8 @@ void ClientProtocol::subscribe(std::string_view data) {
       problem("WebSocket client tried to subscribe to unknown field '{}'", shown(path));
       continue;
     }
-    if (subscribed_.contains(field)) {
-      for (auto& s : subscriptions_)
-        if (&s->field() == field) s->report_again();
+    if (auto known = by_field_.find(field); known != by_field_.end()) {
+      known->second->report_again();
       continue;
     }
     if (subscriptions_.size() >= max_subscriptions_) {
@@ -97,11 +98,11 @@ void ClientProtocol::subscribe(std::string_view data) {
     }
     auto kind = mode.is_string() && mode.get_ref<const std::string&>() == "history" ? Subscription::Mode::History
                                                                                    : Subscription::Mode::Latest;
-    subscriptions_.push_back(std::make_unique<Subscription>(*field, kind, trigger_));
-    subscribed_.insert(field);
+    auto id = next_id_++;
+    auto subscription = std::make_unique<Subscription>(id, *field, kind, trigger_);
+    by_field_.emplace(field, subscription.get());
+    subscriptions_.emplace(id, std::move(subscription));
   }
-  // The next push carries the current values of the new subscriptions.
-  trigger_->notify();
 }
 
 void ClientProtocol::set(std::string_view data) {
@@ -122,35 +123,39 @@ void ClientProtocol::unsubscribe(std::string_view data) {
   if (!parse_members(data, "unsubscribe", members)) return;
   for (auto& [path, ignored] : members.items()) {
     FieldBase* field = field_at(tree_, path);
-    if (!field || !subscribed_.erase(field)) {
+    auto known = field ? by_field_.find(field) : by_field_.end();
+    if (known == by_field_.end()) {
       problem("WebSocket client tried to unsubscribe from unknown field '{}'", shown(path));
       continue;
     }
-    std::erase_if(subscriptions_, [field](const auto& s) { return &s->field() == field; });
+    subscriptions_.erase(known->second->id());
+    by_field_.erase(known);
   }
-  cursor_ = 0;
 }
 
 ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
   PassResult result;
   out.clear();
   out.append(kUpdateOpening);
-  trigger_->rearm();
+  trigger_->take(queued_);
+  std::sort(queued_.begin(), queued_.end());
+  queued_.erase(std::unique(queued_.begin(), queued_.end()), queued_.end());
   auto start = Clock::steady_ns();
-  size_t count = subscriptions_.size();
   size_t visited = 0;
-  for (; visited < count; ++visited) {
+  for (; visited < queued_.size(); ++visited) {
     if (Clock::seconds_since(start) >= kPassBudgetSeconds) {
       result.complete = false;
       break;
     }
-    auto& subscription = *subscriptions_[(cursor_ + visited) % count];
-    if (!subscription.changed()) continue;
+    auto found = subscriptions_.find(queued_[visited]);
+    if (found == subscriptions_.end()) continue;  // unsubscribed meanwhile
+    auto& subscription = *found->second;
+    if (!subscription.due()) continue;
     if (result.wrote) out.push_back(',');
     result.wrote = true;
     subscription.write_report(out);
   }
-  cursor_ = count ? (cursor_ + visited) % count : 0;
+  queued_.erase(queued_.begin(), queued_.begin() + static_cast<std::ptrdiff_t>(visited));
   out.append("}}");
   result.seconds = Clock::seconds_since(start);
   if (result.seconds > kSlowPassSeconds) ZEL_WARN("Slow WebSocket response time: {} seconds", result.seconds);

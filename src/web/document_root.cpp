@@ -109,24 +109,51 @@ DocumentRoot::Result DocumentRoot::find(std::string_view target, Document& out) 
     return Result::Refused;
   }
   if (relative->empty()) *relative = "index.html";
-  auto result = read(*relative, out);
-  if (result == Result::NotFound && extension(*relative).empty()) result = read(*relative + ".html", out);
+  if (from_memory(*relative, out)) return Result::Found;
+  Kept kept;
+  auto result = read(*relative, out, kept);
+  if (result == Result::NotFound && extension(*relative).empty()) result = read(*relative + ".html", out, kept);
   if (result == Result::Refused)
     ZEL_ERROR("Refused HTTP target '{}': it resolves outside the document root", shown(target));
+  if (result == Result::Found && out.content.size() <= kKeptFileSize) keep(*relative, std::move(kept));
   return result;
 }
 
-DocumentRoot::Result DocumentRoot::read(const std::string& relative, Document& out) const {
+bool DocumentRoot::from_memory(const std::string& relative, Document& out) const {
+  Kept kept;
+  {
+    std::lock_guard lock(kept_mutex_);
+    auto found = kept_.find(relative);
+    if (found == kept_.end()) return false;
+    kept = found->second;
+  }
+  ConfinedDirectory::Identity now;
+  if (!files_.identify(kept.path, now) || now != kept.identity) return false;
+  out.content = *kept.content;
+  out.content_type = content_type(kept.path);
+  out.cache_control = cache_control(kept.path);
+  return true;
+}
+
+void DocumentRoot::keep(const std::string& relative, Kept kept) const {
+  std::lock_guard lock(kept_mutex_);
+  if (kept_.size() >= kKeptFiles) kept_.clear();
+  kept_.insert_or_assign(relative, std::move(kept));
+}
+
+DocumentRoot::Result DocumentRoot::read(const std::string& relative, Document& out, Kept& kept) const {
   std::string path = relative;
-  auto status = files_.read(path, out.content, kMaxFileSize);
+  auto status = files_.read(path, out.content, kMaxFileSize, &kept.identity);
   if (status == ConfinedDirectory::Status::IsDirectory) {
     path += "/index.html";
-    status = files_.read(path, out.content, kMaxFileSize);
+    status = files_.read(path, out.content, kMaxFileSize, &kept.identity);
   }
   switch (status) {
     case ConfinedDirectory::Status::Read:
       out.content_type = content_type(path);
       out.cache_control = cache_control(path);
+      kept.path = path;
+      kept.content = std::make_shared<const std::string>(out.content);
       return Result::Found;
     case ConfinedDirectory::Status::Outside:
       return Result::Refused;

@@ -36,7 +36,7 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
 
 }  // namespace
 
-HTTPSession::HTTPSession(net::ip::tcp::socket&& socket, std::shared_ptr<WebShared> shared)
+HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
     : stream_(std::move(socket)), shared_(std::move(shared)), queue_(shared_->limits().http_pipeline_max) {
   shared_->http_opened();
 }

@@ -2,30 +2,26 @@
 
 #include <nlohmann/json.hpp>
 
-Subscription::Subscription(FieldBase& field, Mode mode, const std::shared_ptr<PushTrigger>& trigger)
-    : field_(&field), mode_(mode), key_(nlohmann::json(field.path()).dump()) {
-  if (mode_ == Mode::Latest) {
-    watch_ = FieldSubscription(field, [trigger] { trigger->notify(); });
-    return;
-  }
-  history_ = std::make_shared<History>();
-  // The sample is taken on the changing thread, so no change goes unseen.
-  watch_ = FieldSubscription(field, [trigger, history = history_, f = field_] {
-    std::string sample;
-    write_sample(*f, sample);
-    {
-      std::lock_guard lock(history->mutex);
-      history->samples.push_back(std::move(sample));
-      if (history->samples.size() > kHistoryMax) history->samples.pop_front();
+Subscription::Subscription(uint64_t id, FieldBase& field, Mode mode, const std::shared_ptr<PushTrigger>& trigger)
+    : id_(id),
+      field_(&field),
+      mode_(mode),
+      key_(nlohmann::json(field.path()).dump()),
+      watch_(std::make_shared<Watch>()),
+      trigger_(trigger) {
+  listener_ = FieldSubscription(field, [id, mode, trigger, watch = watch_, f = field_] {
+    if (mode == Mode::History) {
+      // The sample is taken on the changing thread, so no change goes unseen.
+      std::string sample;
+      write_sample(*f, sample);
+      std::lock_guard lock(watch->mutex);
+      watch->samples.push_back(std::move(sample));
+      if (watch->samples.size() > kHistoryMax) watch->samples.pop_front();
     }
-    trigger->notify();
+    if (!watch->queued.exchange(true, std::memory_order_acq_rel)) trigger->notify(id);
   });
-  // The value at the time of subscribing starts the history.
-  if (field.assigned()) {
-    std::string sample;
-    write_sample(field, sample);
-    history_->samples.push_back(std::move(sample));
-  }
+  // The first push carries the current value.
+  report_again();
 }
 
 void Subscription::write_sample(const FieldBase& field, std::string& out) {
@@ -36,10 +32,16 @@ void Subscription::write_sample(const FieldBase& field, std::string& out) {
   out.push_back(']');
 }
 
+bool Subscription::due() {
+  // Cleared before the field is read: a change from here on queues it again.
+  watch_->queued.store(false, std::memory_order_release);
+  return changed();
+}
+
 bool Subscription::changed() const {
   if (mode_ == Mode::Latest) return field_->stamp() != reported_stamp_;
-  std::lock_guard lock(history_->mutex);
-  return !history_->samples.empty();
+  std::lock_guard lock(watch_->mutex);
+  return !watch_->samples.empty();
 }
 
 void Subscription::write_report(std::string& out) {
@@ -53,8 +55,8 @@ void Subscription::write_report(std::string& out) {
   } else {
     std::deque<std::string> samples;
     {
-      std::lock_guard lock(history_->mutex);
-      samples.swap(history_->samples);
+      std::lock_guard lock(watch_->mutex);
+      samples.swap(watch_->samples);
     }
     bool first = true;
     for (auto& s : samples) {
@@ -69,10 +71,11 @@ void Subscription::write_report(std::string& out) {
 void Subscription::report_again() {
   if (mode_ == Mode::Latest) {
     reported_stamp_ = 0;
-    return;
+  } else if (field_->assigned()) {
+    std::string sample;
+    write_sample(*field_, sample);
+    std::lock_guard lock(watch_->mutex);
+    if (watch_->samples.empty()) watch_->samples.push_back(std::move(sample));
   }
-  std::string sample;
-  write_sample(*field_, sample);
-  std::lock_guard lock(history_->mutex);
-  history_->samples.push_back(std::move(sample));
+  if (!watch_->queued.exchange(true, std::memory_order_acq_rel)) trigger_->notify(id_);
 }

@@ -62,7 +62,7 @@ void WebListener::do_accept() {
   acceptor_.async_accept(net::make_strand(io), beast::bind_front_handler(&WebListener::on_accept, shared_from_this()));
 }
 
-void WebListener::on_accept(beast::error_code ec, tcp::socket socket) {
+void WebListener::on_accept(beast::error_code ec, WebSocketTcp socket) {
   if (ec == net::error::operation_aborted || !acceptor_.is_open()) return;
   if (ec) {
     ZEL_ERROR("async_accept {}", ec.message());

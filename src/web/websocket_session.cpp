@@ -33,7 +33,7 @@ bool is_disconnect(const beast::error_code& ec) {
 
 }  // namespace
 
-WebsocketSession::WebsocketSession(net::ip::tcp::socket&& socket, std::shared_ptr<WebShared> shared)
+WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
     : ws_(std::move(socket)),
       shared_(std::move(shared)),
       trigger_(std::make_shared<PushTrigger>()),

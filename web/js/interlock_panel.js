@@ -14,6 +14,8 @@ const STATES = {
   red: { word: "TRIPPED", rank: 2 },
 };
 
+const STATE_COLORS = ["green", "red", "orange"];
+
 export class InterlockPanel {
   constructor(live) {
     this.live = live;
@@ -94,7 +96,11 @@ export class InterlockPanel {
     for (const color of this.colors.values()) {
       if ((STATES[color]?.rank ?? 0) > STATES[worst].rank) worst = color;
     }
-    const text = this.summary !== null && this.summary !== undefined ? formatValue(this.summary) : STATES[worst].word;
+    // A numeric summary is an interlock state: 0 OK, 1 error, 2 warning.
+    const stateColor = typeof this.summary === "number" ? STATE_COLORS[this.summary] : undefined;
+    if (stateColor && STATES[stateColor].rank > STATES[worst].rank) worst = stateColor;
+    let text = STATES[worst].word;
+    if (typeof this.summary === "string" && this.summary) text = this.summary;
     this.pill.hidden = false;
     this.pill.dataset.color = worst;
     this.pill.textContent = `Interlocks: ${text}`;
