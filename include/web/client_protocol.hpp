@@ -29,7 +29,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json_fwd.hpp>
 
-#include "core/vertex.hpp"
+#include "core/field.hpp"
 #include "web/push_trigger.hpp"
 #include "web/subscription.hpp"
 
@@ -64,8 +64,11 @@ class ClientProtocol {
   void subscribe(std::string_view data);
   void set(std::string_view data);
   void unsubscribe(std::string_view data);
-  // The "data" of those three: an object whose member names are field paths.
-  bool parse_members(std::string_view data, std::string_view event, nlohmann::json& members);
+  // Runs `f` for each member of an event's data (an object whose member
+  // names are field paths) that names a field; logs the others as "WebSocket
+  // client tried to <verb> unknown field '<path>'".
+  void for_each_field(std::string_view data, std::string_view event, std::string_view verb,
+                      const std::function<void(FieldBase&, const nlohmann::json&)>& f);
   // Problems in what a client sent, logged up to kLoggedProblems times.
   template <class... Args>
   void problem(fmt::format_string<Args...> format, Args&&... args);

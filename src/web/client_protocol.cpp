@@ -71,66 +71,53 @@ void ClientProtocol::handle_message(std::string_view text) {
   }
 }
 
-bool ClientProtocol::parse_members(std::string_view data, std::string_view event, nlohmann::json& members) {
-  members = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
-  if (members.is_object()) return true;
-  problem("WebSocket '{}' data is not an object: {}", event, shown(data));
-  return false;
+void ClientProtocol::for_each_field(std::string_view data, std::string_view event, std::string_view verb,
+                                    const std::function<void(FieldBase&, const nlohmann::json&)>& f) {
+  auto members = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
+  if (!members.is_object()) {
+    problem("WebSocket '{}' data is not an object: {}", event, shown(data));
+    return;
+  }
+  for (auto& [path, value] : members.items()) {
+    if (FieldBase* field = field_at(tree_, path)) f(*field, value);
+    else problem("WebSocket client tried to {} unknown field '{}'", verb, shown(path));
+  }
 }
 
 void ClientProtocol::subscribe(std::string_view data) {
-  nlohmann::json members;
-  if (!parse_members(data, "subscribe", members)) return;
-  for (auto& [path, mode] : members.items()) {
-    FieldBase* field = field_at(tree_, path);
-    if (!field) {
-      problem("WebSocket client tried to subscribe to unknown field '{}'", shown(path));
-      continue;
-    }
-    if (auto known = by_field_.find(field); known != by_field_.end()) {
+  for_each_field(data, "subscribe", "subscribe to", [this](FieldBase& field, const nlohmann::json& mode) {
+    if (auto known = by_field_.find(&field); known != by_field_.end()) {
       known->second->report_again();
-      continue;
+      return;
     }
     if (subscriptions_.size() >= max_subscriptions_) {
       problem("WebSocket client has {} subscriptions, the most allowed; '{}' is not watched", max_subscriptions_,
-              shown(path));
-      continue;
+              field.path());
+      return;
     }
     auto kind = mode.is_string() && mode.get_ref<const std::string&>() == "history" ? Subscription::Mode::History
                                                                                    : Subscription::Mode::Latest;
     auto id = next_id_++;
-    auto subscription = std::make_unique<Subscription>(id, *field, kind, trigger_);
-    by_field_.emplace(field, subscription.get());
+    auto subscription = std::make_unique<Subscription>(id, field, kind, trigger_);
+    by_field_.emplace(&field, subscription.get());
     subscriptions_.emplace(id, std::move(subscription));
-  }
+  });
 }
 
 void ClientProtocol::set(std::string_view data) {
-  nlohmann::json members;
-  if (!parse_members(data, "set", members)) return;
-  for (auto& [path, value] : members.items()) {
-    FieldBase* field = field_at(tree_, path);
-    if (!field) {
-      problem("WebSocket client tried to set unknown field '{}'", shown(path));
-      continue;
-    }
-    field->read_json(value.dump());
-  }
+  for_each_field(data, "set", "set", [](FieldBase& field, const nlohmann::json& value) { field.read_json(value.dump()); });
 }
 
 void ClientProtocol::unsubscribe(std::string_view data) {
-  nlohmann::json members;
-  if (!parse_members(data, "unsubscribe", members)) return;
-  for (auto& [path, ignored] : members.items()) {
-    FieldBase* field = field_at(tree_, path);
-    auto known = field ? by_field_.find(field) : by_field_.end();
+  for_each_field(data, "unsubscribe", "unsubscribe from", [this](FieldBase& field, const nlohmann::json&) {
+    auto known = by_field_.find(&field);
     if (known == by_field_.end()) {
-      problem("WebSocket client tried to unsubscribe from unknown field '{}'", shown(path));
-      continue;
+      problem("WebSocket client tried to unsubscribe from unknown field '{}'", field.path());
+      return;
     }
     subscriptions_.erase(known->second->id());
     by_field_.erase(known);
-  }
+  });
 }
 
 ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
