@@ -133,7 +133,7 @@ void BM_WebPushLatency(benchmark::State& state) {
 }
 // 100 clients x 100 fields, a change every millisecond (each field at 10 Hz): 3 s.
 BENCHMARK(BM_WebPushLatency)->Args({100, 100, 1})->Iterations(3000)->UseRealTime()->Unit(benchmark::kMillisecond);
-// 1000 clients on one field changing at 20 Hz: 3 s.
-BENCHMARK(BM_WebPushLatency)->Args({1000, 1, 50})->Iterations(60)->UseRealTime()->Unit(benchmark::kMillisecond);
+// 1000 clients on one field changing at 5 Hz: 3 s.
+BENCHMARK(BM_WebPushLatency)->Args({1000, 1, 200})->Iterations(15)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
