@@ -33,7 +33,9 @@ bench: setup $(BUILD)/build.ninja
 	$(BUILD)/zel_bench
 
 install: build
-	cmake --install $(BUILD) --prefix $(DESTDIR)$(PREFIX)
+	DESTDIR=$(DESTDIR) cmake --install $(BUILD) --prefix $(PREFIX)
+	install -d $(DESTDIR)$(PREFIX)/lib/systemd/system
+	sed 's|/usr/local/bin/zel|$(PREFIX)/bin/zel|' packaging/zel.service > $(DESTDIR)$(PREFIX)/lib/systemd/system/zel.service
 
 clean:
 	rm -rf $(BUILD)

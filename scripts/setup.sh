@@ -9,7 +9,8 @@ packages=(
   nlohmann-json3-dev libpugixml-dev libfmt-dev
   libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
-  chromium nodejs npm
+  python3-numpy  # the independent reference of the calibration fit test
+  chromium nodejs npm  # the browser tests
 )
 packages+=("$@")
 

@@ -88,3 +88,36 @@ TEST(Field, ConcurrentReadersSeeWholeValues) {
   writer.join();
   EXPECT_EQ(torn, 0);
 }
+
+// Every value type a field can hold survives its own text and back.
+template <class T>
+class FieldTypes : public ::testing::Test {};
+using AllFieldTypes = ::testing::Types<bool, int, unsigned char, unsigned short, unsigned int, unsigned long long,
+                                       float, double, std::string, std::vector<bool>, std::vector<double>,
+                                       std::vector<std::string>>;
+TYPED_TEST_SUITE(FieldTypes, AllFieldTypes);
+
+template <class T>
+T sample_value() {
+  if constexpr (std::is_same_v<T, bool>) return true;
+  else if constexpr (std::is_same_v<T, std::string>) return "a \"quoted\"\nline";
+  else if constexpr (std::is_same_v<T, std::vector<bool>>) return {true, false};
+  else if constexpr (std::is_same_v<T, std::vector<double>>) return {0.1, -2e-300, 7};
+  else if constexpr (std::is_same_v<T, std::vector<std::string>>) return {"x", "", "\xC3\xA9"};
+  else if constexpr (std::is_floating_point_v<T>) return T(-0.3);
+  else return std::numeric_limits<T>::max();
+}
+
+TYPED_TEST(FieldTypes, ValueSurvivesItsTextAndAUserSet) {
+  ValueField<TypeParam> source("a");
+  source.set(sample_value<TypeParam>());
+  ValueField<TypeParam> target("b");
+  std::string error;
+  ASSERT_TRUE(target.set_from_user(source.json(), &error)) << error << " for " << source.json();
+  EXPECT_EQ(target.get(), source.get());
+  EXPECT_EQ(target.json(), source.json());
+  target.set_readonly(true);
+  EXPECT_FALSE(target.set_from_user(ValueField<TypeParam>("c").json(), &error));
+  EXPECT_EQ(error, "read-only");
+  EXPECT_EQ(target.get(), source.get());
+}

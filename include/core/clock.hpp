@@ -10,6 +10,7 @@
 //
 // Elapsed times come from the steady clock, in nanoseconds, turned into
 // seconds as a double by dividing by 1e9.
+#include <atomic>
 #include <cstdint>
 
 class Clock {
@@ -47,13 +48,16 @@ class Clock {
 class ManualClock : public Clock::Source {
  public:
   explicit ManualClock(uint64_t start_ns = 1'000'000'000ULL) : now_(start_ns) {}
-  uint64_t steady_ns() override { return now_; }
-  uint64_t wall_ns() override { return now_; }
-  void advance_ns(uint64_t ns) { now_ += ns; Clock::refresh(); }
+  uint64_t steady_ns() override { return now_.load(std::memory_order_acquire); }
+  uint64_t wall_ns() override { return now_.load(std::memory_order_acquire); }
+  void advance_ns(uint64_t ns) {
+    now_.fetch_add(ns, std::memory_order_acq_rel);
+    Clock::refresh();
+  }
   void advance(double seconds) { advance_ns(static_cast<uint64_t>(seconds * 1e9)); }
 
  private:
-  uint64_t now_;
+  std::atomic<uint64_t> now_;
 };
 
 // Installs a ManualClock for the lifetime of the guard.

@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "core/clock.hpp"
@@ -32,6 +33,8 @@ struct FieldAttributes {
   std::string store;
   std::string permissions;  // "r" or "readonly" makes the field read-only for users
   bool confirm = false;     // the user interface asks before acting
+  // A selection's values, each with its label, in the order shown (ChoiceField).
+  std::vector<std::pair<std::string, std::string>> choices;
 };
 
 class FieldBase : public Vertex {

@@ -56,6 +56,8 @@ class VTree {
   VTree child_or_empty(std::string_view name) const;
 
   VTree& set(std::string key, std::string value);
+  // Sets `key` only when the configuration does not have it (a class default).
+  VTree& set_default(std::string key, std::string value) { return has(key) ? *this : set(std::move(key), std::move(value)); }
   VTree& add_child(VTree child);
   void set_format(const Format* format) { format_ = format; }
   const Format& format() const;

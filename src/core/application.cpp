@@ -1,111 +1,386 @@
 #include "core/application.hpp"
 
-#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cctype>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <future>
 #include <iostream>
 #include <sstream>
 #include <thread>
 
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/signal_set.hpp>
 #include <boost/program_options.hpp>
 
 #include "core/clock.hpp"
 #include "core/log.hpp"
 #include "core/root.hpp"
+#include "core/watcher.hpp"
 #include "formats/format_xml.hpp"
+#include "std/capabilities.hpp"
 #include "std/paths.hpp"
+#include "std/platform_commands.hpp"
+#include "std/process.hpp"
 
+namespace fs = std::filesystem;
 namespace po = boost::program_options;
+using namespace std::chrono_literals;
+
+namespace {
+
+// Writes "\r", the prefix, the number and ")\n" to standard error in one
+// write, without allocating, so that signal handlers can use it.
+void write_signal_message(const char* prefix, int number) {
+  char text[64];
+  size_t n = 0;
+  text[n++] = '\r';
+  for (const char* p = prefix; *p && n < 40; ++p) text[n++] = *p;
+  char digits[12];
+  int count = 0;
+  unsigned value = number < 0 ? 0u : static_cast<unsigned>(number);
+  do {
+    digits[count++] = static_cast<char>('0' + value % 10);
+    value /= 10;
+  } while (value != 0);
+  while (count > 0) text[n++] = digits[--count];
+  text[n++] = ')';
+  text[n++] = '\n';
+  [[maybe_unused]] auto written = ::write(STDERR_FILENO, text, n);
+}
+
+// A missing or unreadable file reads as empty.
+std::string read_whole_file(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::stringstream content;
+  content << file.rdbuf();
+  return content.str();
+}
+
+// A pid file holds a decimal pid; anything else is no pid (and never reaches
+// the shell).
+bool is_pid_text(std::string_view text) {
+  return !text.empty() && text.size() < 12 && text.find_first_not_of("0123456789") == std::string_view::npos;
+}
+
+void keep_waiting(boost::asio::signal_set& set, std::function<void(int)> handler) {
+  set.async_wait([&set, handler](const boost::system::error_code& ec, int number) {
+    if (ec) return;
+    handler(number);
+    keep_waiting(set, handler);
+  });
+}
+
+}  // namespace
+
+struct Application::Signals {
+  boost::asio::io_context io;
+  boost::asio::signal_set interruption{io, SIGINT, SIGQUIT, SIGABRT};
+  boost::asio::signal_set fault{io, SIGILL, SIGSEGV};
+  boost::asio::signal_set pipe{io, SIGPIPE};
+  std::thread thread;
+};
 
 Application& Application::instance() {
   static Application application;
   return application;
 }
 
-void Application::request_stop() { running_ = false; }
+Application::Application() = default;
+
+Application::~Application() { stop_signal_thread(); }
 
 int Application::main(int argc, char** argv) {
-  pthread_setname_np(pthread_self(), "application");
-  args_.assign(argv, argv + argc);
+  int status = start(argc, argv);
+  stop_signal_thread();
+  std::cout.flush();
+  return status;
+}
 
+int Application::start(int argc, char** argv) {
+  Process::name_this_thread("application");
+  argc_ = argc;
+  argv_ = argv;
+  std::error_code ec;
+  start_dir_ = fs::current_path(ec).string();
+  program_path_ = Process::executable_path();
+  if (program_path_.empty()) program_path_ = fs::absolute(argv[0], ec).string();
+
+  int status = 0;
+  if (!parse_options(argc, argv, status)) return status;
+  ensure_single_instance();
+  start_signal_thread();
+  check_abilities();
+  enter_working_directory();
+  std::string text = read_configuration();
+  Clock::reset_reference();
+  try {
+    std::unique_ptr<Root> root = FormatXML::instance().build(text);
+    if (!root) {
+      std::cerr << "Root failed to construct" << std::endl;
+      return -1;
+    }
+    root_ = root.release();
+    ZEL_INFO("PID:{}", ::getpid());
+    Clock::reset_reference();
+    root_->initialize();
+    ZEL_INFO("Initialized");
+    initialized_ = true;
+    watch_program_file();
+    heartbeat_.attach();
+  } catch (const std::exception& e) {
+    std::cerr << e.what() << std::endl;
+    return -1;
+  }
+  run_main_loop();
+  watcher_->stop();
+  shutdown();
+  return 0;
+}
+
+bool Application::parse_options(int argc, char** argv, int& status) {
+  auto& commands = PlatformCommands::table();
   po::options_description description("Allowed options");
-  description.add_options()                                                     //
-      ("help,h", "Print this help message")                                     //
-      ("dir,d", po::value<std::string>(), "Working directory")                  //
+  description.add_options()                                                      //
+      ("help,h", "Print this help message")                                      //
+      ("dir,d", po::value<std::string>(), "Working directory")                   //
       ("config,c", po::value<std::string>()->default_value("config/system.xml"), "Configuration file")  //
-      ("data-root", po::value<std::string>()->default_value("/root"), "Data root: stores, web pages, reports")  //
-      ("pid-file", po::value<std::string>()->default_value("/tmp/zel.pid"), "Pid file")  //
-      ("io-mount", po::value<std::string>()->default_value("/io"), "Mount point of the tree's files, or none")  //
-      ("port", po::value<unsigned>()->default_value(80), "Web port; 0 picks a free one");
+      ("data-root", po::value<std::string>()->default_value(Paths::data_root()),
+       "Data root: stores, web pages, reports, update archives")  //
+      ("pid-file", po::value<std::string>()->default_value(Paths::pid_file()), "Pid file")  //
+      ("io-mount", po::value<std::string>()->default_value(Paths::io_mount()),
+       "Mount point of the tree's files, or none")                                     //
+      ("port", po::value<unsigned>()->default_value(Paths::port()), "Web port; 0 picks a free one")  //
+      ("kill-command", po::value<std::string>()->default_value(commands.kill_process),
+       "Command that ends an older instance; its pid follows")  //
+      ("reboot-command", po::value<std::string>()->default_value(commands.reboot), "Command that reboots the machine");
   po::positional_options_description positional;
   positional.add("config", 1);
   po::variables_map options;
   try {
     po::store(po::command_line_parser(argc, argv).options(description).positional(positional).run(), options);
     po::notify(options);
-  } catch (const std::exception& e) {
+    if (options["port"].as<unsigned>() > 65535) throw po::error("the port must lie between 0 and 65535");
+  } catch (const po::error& e) {
     std::cerr << e.what() << "\n" << description << "\n";
-    return 1;
+    status = 1;
+    return false;
   }
   if (options.count("help")) {
     std::cout << description << "\n";
-    return 1;
+    status = 1;
+    return false;
   }
+  if (options.count("dir")) dir_option_ = options["dir"].as<std::string>();
+  config_option_ = options["config"].as<std::string>();
   Paths::set_data_root(options["data-root"].as<std::string>());
   Paths::set_pid_file(options["pid-file"].as<std::string>());
   Paths::set_io_mount(options["io-mount"].as<std::string>());
   Paths::set_port(static_cast<uint16_t>(options["port"].as<unsigned>()));
+  commands.kill_process = options["kill-command"].as<std::string>();
+  commands.reboot = options["reboot-command"].as<std::string>();
+  return true;
+}
 
-  namespace fs = std::filesystem;
-  fs::path dir = options.count("dir") ? fs::path(options["dir"].as<std::string>()) : fs::path(argv[0]).parent_path();
-  std::error_code ec;
-  fs::current_path(fs::absolute(dir), ec);
-
-  std::string text = "<root/>";
-  if (std::ifstream file(options["config"].as<std::string>()); file) {
-    std::stringstream buffer;
-    buffer << file.rdbuf();
-    text = buffer.str();
+void Application::ensure_single_instance() {
+  const std::string own = fmt::format("{}", ::getpid());
+  const std::string& pid_file = Paths::pid_file();
+  std::string recorded = read_whole_file(pid_file);
+  while (!recorded.empty() && std::isspace(static_cast<unsigned char>(recorded.back()))) recorded.pop_back();
+  if (is_pid_text(recorded) && recorded != own && Process::alive(recorded)) {
+    std::cout << "ZEL already running, killing existing process" << std::endl;
+    Process::run_shell(PlatformCommands::table().kill(recorded));
+    std::this_thread::sleep_for(2s);
   }
+  std::ofstream file(pid_file, std::ios::binary | std::ios::trunc);
+  file << own;
+  file.close();
+  if (!file) ZEL_ERROR("Can't write pid file {}", pid_file);
+}
 
-  // Termination signals are taken synchronously on this thread.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  sigaddset(&signals, SIGQUIT);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  signal(SIGPIPE, SIG_IGN);
-
-  Clock::reset_reference();
-  try {
-    root_ = FormatXML::instance().build(text);
-    if (!root_) {
-      std::cerr << "Root failed to construct" << std::endl;
-      return -1;
-    }
-    ZEL_INFO("PID:{}", getpid());
-    Clock::reset_reference();
-    root_->initialize();
-    ZEL_INFO("Initialized");
-  } catch (const std::exception& e) {
-    std::cerr << e.what() << std::endl;
-    return -1;
-  }
-
-  std::thread waiter([this, signals] {
-    int number = 0;
-    sigwait(&signals, &number);
-    request_stop();
+void Application::start_signal_thread() {
+  signals_ = std::make_unique<Signals>();
+  signals_->interruption.add(SIGTERM);
+  keep_waiting(signals_->interruption, [this](int number) { on_interruption(number); });
+  keep_waiting(signals_->fault, [this](int number) { on_fault(number); });
+  keep_waiting(signals_->pipe, [](int) {});
+  Process::catch_genuine_faults(SIGILL, &Application::on_genuine_fault);
+  Process::catch_genuine_faults(SIGSEGV, &Application::on_genuine_fault);
+  signals_->thread = std::thread([io = &signals_->io] {
+    Process::name_this_thread("application/signals");
+    io->run();
   });
-  waiter.detach();
-  while (running_.load()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
+}
 
-  ZEL_INFO("Clean Shutdown");
-  root_.reset();
-  return 0;
+void Application::stop_signal_thread() {
+  if (!signals_) return;
+  signals_->io.stop();
+  if (signals_->thread.joinable() && signals_->thread.get_id() != std::this_thread::get_id()) signals_->thread.join();
+}
+
+void Application::check_abilities() {
+  for (auto& capability : Capabilities::missing(Capabilities::effective(), Paths::port()))
+    ZEL_WARN("Missing capability {} for {}", capability.name, capability.purpose);
+}
+
+void Application::enter_working_directory() {
+  std::error_code ec;
+  fs::path dir = dir_option_.empty() ? fs::absolute(argv_[0], ec).parent_path() : fs::absolute(dir_option_, ec);
+  fs::current_path(dir, ec);
+  if (ec) ZEL_ERROR("Working directory {}: {}", dir.string(), ec.message());
+}
+
+std::string Application::read_configuration() {
+  std::error_code ec;
+  if (!fs::exists(config_option_, ec)) return "<root/>";
+  std::ifstream file(config_option_, std::ios::binary);
+  std::stringstream text;
+  text << file.rdbuf();
+  if (!file) {
+    ZEL_ERROR("Can't read configuration {}", config_option_);
+    return "<root/>";
+  }
+  return text.str();
+}
+
+void Application::watch_program_file() {
+  watcher_ = std::make_unique<Watcher>();
+  watcher_->add(program_path_, kProgramFileMask);
+  watcher_->connect([this](const Watcher::Event& event) { on_program_file_event(event.path); });
+  watcher_->start();
+}
+
+void Application::run_main_loop() {
+  while (running()) {
+    sleep_while_running(100ms);
+    std::this_thread::yield();
+  }
+}
+
+void Application::shutdown() {
+  running_ = false;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  auto finished = std::make_shared<std::promise<void>>();
+  auto done = finished->get_future();
+  std::thread([root = std::exchange(root_, nullptr), finished] {
+    Process::name_this_thread("shutdown");
+    ZEL_INFO("Clean Shutdown");
+    try {
+      delete root;
+    } catch (const std::exception& e) {
+      ZEL_ERROR("On destroy {}", e.what());
+    }
+    finished->set_value();
+  }).detach();
+  auto begin = std::chrono::steady_clock::now();
+  while (done.wait_for(100ms) != std::future_status::ready) {
+    if (std::chrono::steady_clock::now() - begin > kShutdownLimit - 1ms) {
+      ZEL_ERROR("Shutdown process timed out");
+      break;
+    }
+  }
+  heartbeat_.detach(restart_requested() ? Heartbeat::Ending::Restart : Heartbeat::Ending::Exit);
+  if (restart_requested()) {
+    std::cout.flush();
+    int error = Process::replace_image(program_path_.c_str(), argv_, start_dir_.c_str());
+    restart_ = false;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    ZEL_ERROR("{} execv", std::strerror(error));
+    return;
+  }
+  if (reboot_requested()) Process::run_shell(PlatformCommands::table().reboot);
+  stop_signal_thread();
+}
+
+void Application::on_interruption(int signal) {
+  write_signal_message("ZEL INTERUPTED (", signal);
+  // An operator's interrupt always ends in a plain exit; a second one while
+  // stopping ends the process at once.
+  if (!end_run(false, false)) std::_Exit(1);
+}
+
+void Application::on_fault(int signal) {
+  write_signal_message("ZEL FAULTED (", signal);
+  // After a crash signal the system shuts down as cleanly as it can and
+  // restarts itself.
+  if (!end_run(true, false)) std::_Exit(1);
+}
+
+void Application::on_genuine_fault(int signal) {
+  write_signal_message("ZEL FAULTED (", signal);
+  // The faulting thread cannot go on and the tree may be damaged, so there is
+  // no orderly shutdown: a system that had come up restarts in place at once;
+  // during start-up or shutdown the process ends (a service manager restarts
+  // it, at its own pace).
+  auto& app = instance();
+  if (app.initialized_.load() && app.running_.load()) {
+    Process::replace_image(app.program_path_.c_str(), app.argv_, app.start_dir_.c_str());
+    static constexpr char failed[] = "Error: execv failed\n";
+    [[maybe_unused]] auto written = ::write(STDERR_FILENO, failed, sizeof failed - 1);
+  }
+  std::_Exit(1);
+}
+
+void Application::on_program_file_event(const std::string& path) {
+  if (path != program_path_ || !running()) return;
+  ZEL_INFO("Program file {} replaced, restarting", path);
+  watcher_->remove_all();
+  // Let the copy finish, and an update finish unpacking.
+  sleep_while_running(2000ms);
+  while (updating() && running()) sleep_while_running(2000ms);
+  if (end_run(true, false)) heartbeat_.detach(Heartbeat::Ending::Restart);
+}
+
+void Application::request_stop() { end_run(false, false); }
+void Application::request_restart() { end_run(true, false); }
+void Application::request_reboot() { end_run(false, true); }
+
+void Application::request_update() {
+  std::thread([this] {
+    Process::name_this_thread("update");
+    install_update();
+  }).detach();
+}
+
+bool Application::install_update() {
+  bool idle = false;
+  if (!updating_.compare_exchange_strong(idle, true)) {
+    ZEL_WARN("An update is already being installed");
+    return false;
+  }
+  ZEL_INFO("Installing update");
+  const auto& commands = PlatformCommands::table();
+  const std::string unpack = commands.unpack_update();
+  if (Process::run_shell(unpack) != 0) {
+    updating_ = false;
+    std::atomic_thread_fence(std::memory_order_seq_cst);
+    ZEL_ERROR("{} Couldn't unzip update file", unpack);
+    return false;
+  }
+  std::this_thread::sleep_for(2s);
+  Process::run_shell(commands.reboot);
+  updating_ = false;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  return true;
+}
+
+bool Application::end_run(bool restart, bool reboot) {
+  std::lock_guard lock(wake_mutex_);
+  if (!running_.load()) return false;
+  restart_ = restart;
+  reboot_ = reboot;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  running_ = false;
+  std::atomic_thread_fence(std::memory_order_seq_cst);
+  wake_.notify_all();
+  return true;
+}
+
+void Application::sleep_while_running(std::chrono::milliseconds limit) {
+  std::unique_lock lock(wake_mutex_);
+  wake_.wait_for(lock, limit, [this] { return !running_.load(); });
 }

@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <mutex>
 #include <chrono>
 #include <thread>
 
@@ -12,6 +13,9 @@ std::atomic<Clock::Source*> source{nullptr};
 std::atomic<uint64_t> reference_wall{0};
 std::atomic<uint64_t> reference_steady{0};
 std::atomic<uint64_t> cached{0};
+// Serialises refreshes against a change of source, so a tick computed from the
+// old source never lands after the switch.
+std::mutex refresh_mutex;
 
 uint64_t system_steady() {
   return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
@@ -24,27 +28,33 @@ uint64_t system_wall() {
                                    .count());
 }
 
+void refresh_locked();
+void reset_reference_locked();
+
+// A replaced time source only moves when its owner advances it.
+void tick() {
+  std::lock_guard lock(refresh_mutex);
+  if (!source.load(std::memory_order_acquire)) refresh_locked();
+}
+
 uint64_t compute_stamp() {
   uint64_t steady = Clock::steady_ns();
   return reference_wall.load(std::memory_order_relaxed) + steady -
          reference_steady.load(std::memory_order_relaxed);
 }
 
-void take_reference() {
-  reference_steady.store(Clock::steady_ns(), std::memory_order_relaxed);
-  reference_wall.store(Clock::wall_ns(), std::memory_order_relaxed);
-  Clock::refresh();
-}
-
 // Refreshes the cached stamp every millisecond for the life of the process.
 class Ticker {
  public:
   Ticker() {
-    take_reference();
+    {
+      std::lock_guard lock(refresh_mutex);
+      reset_reference_locked();
+    }
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "clock");
       while (!stop_.load(std::memory_order_relaxed)) {
-        Clock::refresh();
+        tick();
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
       }
     });
@@ -84,7 +94,8 @@ uint64_t Clock::cached_ns() {
   return now;
 }
 
-void Clock::refresh() {
+namespace {
+void refresh_locked() {
   uint64_t stamp = compute_stamp();
   // Stamps never go backwards, also not across a reference reset.
   uint64_t prev = cached.load(std::memory_order_relaxed);
@@ -93,17 +104,31 @@ void Clock::refresh() {
   if (prev == 0 && stamp == 0) cached.store(1, std::memory_order_relaxed);
 }
 
+void reset_reference_locked() {
+  reference_steady.store(Clock::steady_ns(), std::memory_order_relaxed);
+  reference_wall.store(Clock::wall_ns(), std::memory_order_relaxed);
+  refresh_locked();
+}
+}  // namespace
+
+void Clock::refresh() {
+  std::lock_guard lock(refresh_mutex);
+  refresh_locked();
+}
+
 void Clock::reset_reference() {
   // The ticker must run before the cached stamp is set: cached_ns() starts it
   // only while the stamp is still zero.
   ensure_ticker();
-  take_reference();
+  std::lock_guard lock(refresh_mutex);
+  reset_reference_locked();
 }
 
 void Clock::set_source(Source* s) {
   ensure_ticker();
+  std::lock_guard lock(refresh_mutex);
   source.store(s, std::memory_order_release);
   // A new time line: the cached stamp follows the new source from here on.
   cached.store(0, std::memory_order_relaxed);
-  reset_reference();
+  reset_reference_locked();
 }

@@ -50,12 +50,18 @@ std::mutex& map_mutex() {
   static std::mutex* mutex = new std::mutex;  // outlives every static user
   return *mutex;
 }
-std::shared_ptr<TypeMap> type_map_holder;
+// The holder itself is never destroyed: only the release registered below ends
+// the map, so there is exactly one release at exit.
+std::shared_ptr<TypeMap>& holder() {
+  static auto* h = new std::shared_ptr<TypeMap>;
+  return *h;
+}
 bool type_map_created = false;
 
 // The map, created on first use; its release is registered for process exit.
 // Must be called with map_mutex() held.
 std::shared_ptr<TypeMap> type_map() {
+  auto& type_map_holder = holder();
   if (!type_map_holder) {
     if (type_map_created) {
       ZEL_ERROR("Factory type map somehow dealocated?!");
@@ -66,7 +72,7 @@ std::shared_ptr<TypeMap> type_map() {
     type_map_created = true;
     std::atexit([] {
       std::lock_guard lock(map_mutex());
-      type_map_holder.reset();
+      holder().reset();
     });
   }
   return type_map_holder;

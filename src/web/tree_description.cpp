@@ -53,6 +53,12 @@ json describe_field(const FieldBase& field) {
       {"value", value_of(field)},
       {"stamp", field.stamp()},
   };
+  // A selection offers its values, each with the label a user sees.
+  if (attributes && !attributes->choices.empty()) {
+    json choices = json::array();
+    for (auto& [value, label] : attributes->choices) choices.push_back({{"value", value}, {"label", label}});
+    out["choices"] = std::move(choices);
+  }
   // An IO's value takes the IO's units when it has none of its own.
   auto* io = dynamic_cast<const IOBase*>(owner);
   if (out["units"] == "" && io && io->value_field() == &field) out["units"] = io->units();

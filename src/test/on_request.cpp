@@ -1,0 +1,43 @@
+#include "test/on_request.hpp"
+
+#include <filesystem>
+
+#include "core/log.hpp"
+#include "core/root.hpp"
+
+ZEL_REGISTER_NODE("crash_on_request", CrashOnRequest);
+ZEL_REGISTER_NODE("press_on_request", PressOnRequest);
+
+OnRequest::OnRequest(const VTree& config)
+    : Component(config), request_file_(add_setting<ValueField<std::string>>(config, "request_file")) {
+  enable_poll(config, 20);
+  set_default("hidden", true);
+}
+
+void OnRequest::poll() {
+  std::string file = request_file_.get();
+  std::error_code ec;
+  if (file.empty() || !std::filesystem::remove(file, ec)) return;
+  on_request();
+}
+
+CrashOnRequest::CrashOnRequest(const VTree& config) : OnRequest(config) {
+  describe("Crash on request", "Crashes the process when its request file appears.", "warning");
+}
+
+namespace {
+// Kept out of the compiler's sight, so the write is really made.
+int* volatile nowhere = nullptr;
+}  // namespace
+
+void CrashOnRequest::on_request() {
+  ZEL_WARN("Crashing on request");
+  *nowhere = 1;
+}
+
+PressOnRequest::PressOnRequest(const VTree& config)
+    : OnRequest(config), button_(add_setting<ValueField<std::string>>(config, "button")) {
+  describe("Press on request", "Presses a button when its request file appears.", "cog");
+}
+
+void PressOnRequest::on_request() { root()->set_field_as_user("self_test", button_.get(), "true"); }

@@ -1,0 +1,395 @@
+// The application's lifecycle, black-box: the real program as a child process
+// in a temporary folder (its working directory and data root), driven by
+// signals, by its program file and by self-test nodes that act on request
+// files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <algorithm>
+
+#include "std/capabilities.hpp"
+#include "zel_process.hpp"
+
+using namespace std::chrono_literals;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+namespace {
+
+const std::string kProgram = ZEL_BINARY;
+
+int exit_code(std::optional<int> status) { return ZelProcess::exit_code(status); }
+
+// The program copied into the folder, so that the test may replace it.
+std::string copy_program(const TempDir& dir, const std::string& name = "zel") {
+  std::filesystem::copy_file(kProgram, dir / name, std::filesystem::copy_options::overwrite_existing);
+  return dir / name;
+}
+
+void touch(const std::string& file) { std::ofstream(file) << "1"; }
+
+ino_t inode_of(const std::string& path) {
+  struct stat info {};
+  return ::stat(path.c_str(), &info) == 0 ? info.st_ino : 0;
+}
+
+std::vector<std::string> command_line_of(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/cmdline", std::ios::binary);
+  std::vector<std::string> words;
+  for (std::string word; std::getline(file, word, '\0');) words.push_back(word);
+  return words;
+}
+
+// A configuration for the working directory's default place.
+void configure(const TempDir& dir, const std::string& children) {
+  dir.write("config/system.xml", "<root>" + children + "</root>");
+}
+
+std::string press_on_request(const TempDir& dir, const std::string& name, const std::string& button) {
+  return "<" + name + R"( type="press_on_request" request_file=")" + (dir / name) + R"(" button=")" + button + R"("/>)";
+}
+
+// A reboot command that tells when it has run, slowly.
+std::string harmless_reboot(const TempDir& dir, double seconds = 0) {
+  dir.write("reboot.sh", "#!/bin/sh\nsleep " + std::to_string(seconds) + "\necho REBOOTED >&2\ntouch " +
+                             (dir / "rebooted") + "\n");
+  std::filesystem::permissions(dir / "reboot.sh", std::filesystem::perms::owner_all);
+  return dir / "reboot.sh";
+}
+
+std::vector<std::string> with(std::vector<std::string> arguments, std::initializer_list<std::string> more) {
+  arguments.insert(arguments.end(), more);
+  return arguments;
+}
+
+}  // namespace
+
+TEST(ApplicationStart, HelpPrintsTheOptionsAndExitsOneTouchingNothing) {
+  for (const char* help : {"--help", "-h"}) {
+    TempDir dir;
+    ZelProcess zel(kProgram, with(ZelProcess::arguments_for(dir), {help}));
+    EXPECT_EQ(exit_code(zel.wait_exit(10s)), 1) << help;
+    auto out = zel.output_text();
+    for (const char* text : {"Allowed options", "Print this help message", "Working directory",
+                             "Configuration file", "config/system.xml"})
+      EXPECT_THAT(out, HasSubstr(text)) << help;
+    EXPECT_TRUE(std::filesystem::is_empty(dir.path())) << help << ": no pid file, nothing else";
+  }
+}
+
+TEST(ApplicationStart, NoConfigurationGivesAnEmptyRootAndAStalePidFileIsOverwrittenWithoutKill) {
+  TempDir dir;
+  pid_t gone = ::fork();
+  if (gone == 0) ::_exit(0);
+  ::waitpid(gone, nullptr, 0);
+  dir.write("zel.pid", std::to_string(gone));
+
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  EXPECT_THAT(zel.error_text(), HasSubstr("PID:" + std::to_string(zel.pid())));
+  EXPECT_EQ(dir.read("zel.pid"), std::to_string(zel.pid()));
+  EXPECT_THAT(zel.output_text(), Not(HasSubstr("already running")));
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  EXPECT_THAT(zel.error_text(), HasSubstr("\rZEL INTERUPTED (15)\n"));
+}
+
+TEST(ApplicationStart, AnOlderInstanceInThePidFileIsKilledAndReplaced) {
+  TempDir dir;
+  ZelProcess older(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(older.wait_for("Initialized"));
+  ASSERT_EQ(dir.read("zel.pid"), std::to_string(older.pid()));
+
+  ZelProcess newer(kProgram, ZelProcess::arguments_for(dir));
+  EXPECT_EQ(exit_code(older.wait_exit(10s)), 0);
+  EXPECT_THAT(older.error_text(), HasSubstr("ZEL INTERUPTED (15)"));
+  ASSERT_TRUE(newer.wait_for("Initialized"));
+  EXPECT_EQ(newer.output_text(), "ZEL already running, killing existing process\n");
+  EXPECT_EQ(dir.read("zel.pid"), std::to_string(newer.pid()));
+}
+
+TEST(ApplicationStart, MalformedConfigurationLogsTheParseFaultAndRootFailsToConstruct) {
+  TempDir dir;
+  dir.write("config/system.xml", "<root>\n  <a type=\"component\">\n  </b>\n</root>\n");
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 255);
+  auto err = zel.error_text();
+  EXPECT_THAT(err, HasSubstr("error src/formats/format_xml:"));
+  EXPECT_THAT(err, ::testing::ContainsRegex("Error: XML parse [^\n]+ line:[0-9]+ '  </b>'"));
+  EXPECT_THAT(err, HasSubstr("Root failed to construct\n"));
+  EXPECT_THAT(err, Not(HasSubstr("Initialized")));
+}
+
+TEST(ApplicationSignals, SigpipeIsIgnoredAndEachInterruptionEndsInAPlainExit) {
+  for (int signal : {SIGINT, SIGQUIT, SIGABRT, SIGTERM}) {
+    TempDir dir;
+    ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+    ASSERT_TRUE(zel.wait_for("Initialized"));
+    zel.signal(SIGPIPE);
+    std::this_thread::sleep_for(100ms);
+    EXPECT_TRUE(zel.running()) << "SIGPIPE";
+    zel.signal(signal);
+    EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0) << signal;
+    auto err = zel.error_text();
+    EXPECT_THAT(err, HasSubstr("\rZEL INTERUPTED (" + std::to_string(signal) + ")\n"));
+    EXPECT_THAT(err, HasSubstr("Clean Shutdown"));
+    EXPECT_EQ(zel.count("Initialized"), 1) << "no restart after " << signal;
+    EXPECT_THAT(err, Not(HasSubstr("(13)")));
+  }
+}
+
+TEST(ApplicationSignals, ASecondInterruptDuringASlowShutdownExitsOneAtOnce) {
+  TempDir dir;
+  configure(dir, R"(<slow type="hang_on_destroy" hang_seconds="30"/>)");
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  zel.signal(SIGINT);
+  ASSERT_TRUE(zel.wait_for("Hanging on destroy"));
+  zel.signal(SIGINT);
+  EXPECT_EQ(exit_code(zel.wait_exit(2s)), 1);
+  EXPECT_EQ(zel.count("\rZEL INTERUPTED (2)\n"), 2);
+}
+
+TEST(ApplicationRestart, FaultSignalsRestartInPlaceWithTheSamePidAndArguments) {
+  TempDir dir;
+  auto arguments = ZelProcess::arguments_for(dir);
+  ZelProcess::Options options;
+  options.own_pid_file = dir / "zel.pid";
+  ZelProcess zel(kProgram, arguments, options);
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  auto command_line = command_line_of(zel.pid());
+  ASSERT_FALSE(command_line.empty());
+  ASSERT_EQ(std::vector<std::string>(command_line.begin() + 1, command_line.end()), arguments);
+
+  zel.signal(SIGSEGV);
+  ASSERT_TRUE(zel.wait_for("Initialized", 2));
+  zel.signal(SIGILL);
+  ASSERT_TRUE(zel.wait_for("Initialized", 3));
+  EXPECT_TRUE(zel.running()) << "the same process, not a new one";
+  EXPECT_EQ(command_line_of(zel.pid()), command_line);
+  auto err = zel.error_text();
+  EXPECT_THAT(err, HasSubstr("\rZEL FAULTED (11)\n"));
+  EXPECT_THAT(err, HasSubstr("\rZEL FAULTED (4)\n"));
+  EXPECT_EQ(zel.count("PID:" + std::to_string(zel.pid())), 3);
+  EXPECT_EQ(zel.count("Clean Shutdown"), 2);
+  EXPECT_THAT(zel.output_text(), Not(HasSubstr("already running"))) << "the own pid in the pid file kills nothing";
+
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+}
+
+TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesFilesAgain) {
+  TempDir dir;
+  configure(dir, R"(<crash type="crash_on_request" request_file=")" + (dir / "crash") + R"("/>)");
+  std::filesystem::create_directory(dir / "io");
+  auto arguments = ZelProcess::arguments_for(dir);
+  *std::find(arguments.begin(), arguments.end(), "none") = dir / "io";
+  ZelProcess zel(kProgram, arguments);
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  ASSERT_TRUE(std::filesystem::exists(dir / "io/crash"));
+
+  touch(dir / "crash");
+  ASSERT_TRUE(zel.wait_for("Initialized", 2));
+  EXPECT_TRUE(zel.running());
+  auto err = zel.error_text();
+  EXPECT_LT(err.find("Crashing on request"), err.find("\rZEL FAULTED (11)\n"));
+  EXPECT_EQ(zel.count("PID:" + std::to_string(zel.pid())), 2);
+  EXPECT_TRUE(std::filesystem::exists(dir / "io/crash")) << "the mount the crash left behind was replaced";
+
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  EXPECT_FALSE(std::filesystem::exists(dir / "io/crash")) << "unmounted at the end";
+}
+
+TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
+  TempDir dir;
+  auto program = copy_program(dir);
+  ZelProcess zel(program, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  auto exe = "/proc/" + std::to_string(zel.pid()) + "/exe";
+  ASSERT_EQ(inode_of(exe), inode_of(program));
+
+  // A new file renamed over the program.
+  copy_program(dir, "zel.new");
+  std::filesystem::rename(dir / "zel.new", program);
+  ASSERT_TRUE(zel.wait_for("Initialized", 2, 15s));
+  EXPECT_EQ(inode_of(exe), inode_of(program));
+  EXPECT_THAT(zel.error_text(), HasSubstr("Program file " + program + " replaced, restarting"));
+
+  // The program removed and a new one written in its place.
+  std::filesystem::remove(program);
+  copy_program(dir);
+  ASSERT_TRUE(zel.wait_for("Initialized", 3, 15s));
+  EXPECT_EQ(inode_of(exe), inode_of(program));
+  EXPECT_TRUE(zel.running());
+
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+}
+
+TEST(ApplicationUpdate, UnpackingDelaysTheRestartIntoTheNewProgramUntilTheUpdateHasEnded) {
+  TempDir dir;
+  auto program = copy_program(dir);
+  TempDir staging;
+  copy_program(staging);
+  auto pack = "tar -cf - -C " + staging.path().string() + " zel | gzip -1 > " + (dir / "zel-update.gz");
+  ASSERT_EQ(std::system(pack.c_str()), 0);
+  configure(dir, press_on_request(dir, "update", "admin/update_button"));
+  ZelProcess zel(program, with(ZelProcess::arguments_for(dir), {"--reboot-command", harmless_reboot(dir, 1)}));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+
+  touch(dir / "update");
+  ASSERT_TRUE(zel.wait_for("Initialized", 2, 20s));
+  auto err = zel.error_text();
+  auto installing = err.find("Installing update");
+  auto replaced = err.find("Program file " + program + " replaced");
+  auto rebooted = err.find("REBOOTED");
+  auto restarted = err.find("Clean Shutdown");
+  ASSERT_NE(installing, std::string::npos);
+  ASSERT_NE(replaced, std::string::npos);
+  ASSERT_NE(rebooted, std::string::npos);
+  EXPECT_LT(installing, replaced);
+  EXPECT_LT(replaced, rebooted) << "the unpacked program was seen while the update still ran";
+  EXPECT_LT(rebooted, restarted) << "the restart waited for the update to end";
+  EXPECT_EQ(inode_of("/proc/" + std::to_string(zel.pid()) + "/exe"), inode_of(program));
+  EXPECT_TRUE(zel.running());
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+}
+
+TEST(ApplicationUpdate, AnArchiveThatDoesNotUnpackIsLoggedAndTheSystemKeepsRunning) {
+  TempDir dir;
+  configure(dir, press_on_request(dir, "update", "admin/update_button"));
+  ZelProcess zel(kProgram, with(ZelProcess::arguments_for(dir), {"--reboot-command", harmless_reboot(dir)}));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  touch(dir / "update");
+  ASSERT_TRUE(zel.wait_for("Couldn't unzip update file"));
+  EXPECT_THAT(zel.error_text(), HasSubstr("Error: tar -mxzf " + (dir / "zel*.gz") + " -C " + dir.path().string() +
+                                          " Couldn't unzip update file"));
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(zel.running());
+  EXPECT_FALSE(std::filesystem::exists(dir / "rebooted"));
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+}
+
+TEST(ApplicationShutdown, AHangingDestructionTimesOutAfterEightSecondsAndTheRebootStillFollows) {
+  TempDir dir;
+  configure(dir, R"(<slow type="hang_on_destroy" hang_seconds="60"/>)" +
+                     press_on_request(dir, "reboot", "admin/reboot_button"));
+  ZelProcess zel(kProgram, with(ZelProcess::arguments_for(dir), {"--reboot-command", harmless_reboot(dir)}));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  touch(dir / "reboot");
+  ASSERT_TRUE(zel.wait_for("Hanging on destroy"));
+  auto begin = ZelProcess::Clock::now();
+  ASSERT_TRUE(zel.wait_for("Error: Shutdown process timed out", 1, 15s));
+  auto waited = ZelProcess::Clock::now() - begin;
+  EXPECT_GT(waited, 7500ms);
+  EXPECT_LT(waited, 9500ms);
+  EXPECT_EQ(exit_code(zel.wait_exit(5s)), 0);
+  EXPECT_TRUE(std::filesystem::exists(dir / "rebooted"));
+}
+
+TEST(ApplicationAdmin, StopAndRestartButtonsReachTheApplication) {
+  TempDir dir;
+  configure(dir, press_on_request(dir, "reset", "admin/reset_button") +
+                     press_on_request(dir, "stop", "admin/stop_button"));
+  ZelProcess zel(kProgram, with(ZelProcess::arguments_for(dir), {"--reboot-command", harmless_reboot(dir)}));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  touch(dir / "reset");
+  ASSERT_TRUE(zel.wait_for("Initialized", 2));
+  EXPECT_TRUE(zel.running());
+  touch(dir / "stop");
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  EXPECT_EQ(zel.count("Initialized"), 2);
+  EXPECT_THAT(zel.error_text(), Not(HasSubstr("ZEL INTERUPTED")));
+  EXPECT_FALSE(std::filesystem::exists(dir / "rebooted"));
+}
+
+namespace {
+
+// A datagram socket standing in for the service manager's NOTIFY_SOCKET.
+class NotifySocket {
+ public:
+  explicit NotifySocket(std::string path) : path_(std::move(path)) {
+    fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, path_.c_str(), sizeof address.sun_path - 1);
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ADD_FAILURE() << "bind " << path_;
+  }
+  ~NotifySocket() { ::close(fd_); }
+
+  // The next message, or "" after `limit`.
+  std::string next(std::chrono::milliseconds limit = 5s) {
+    pollfd p{fd_, POLLIN, 0};
+    if (::poll(&p, 1, static_cast<int>(limit.count())) != 1) return "";
+    char buffer[256];
+    auto n = ::recv(fd_, buffer, sizeof buffer, 0);
+    return n > 0 ? std::string(buffer, static_cast<size_t>(n)) : "";
+  }
+  // Messages up to and including `state`; empty when it does not come.
+  std::vector<std::string> until(const std::string& state) {
+    std::vector<std::string> seen;
+    for (std::string m = next(); !m.empty(); m = next()) {
+      seen.push_back(m);
+      if (m == state) return seen;
+    }
+    return {};
+  }
+
+ private:
+  std::string path_;
+  int fd_ = -1;
+};
+
+}  // namespace
+
+TEST(ApplicationHeartbeat, WatchdogMessagesReachTheNotifySocketAcrossARestart) {
+  TempDir dir;
+  NotifySocket manager(dir / "notify");
+  ZelProcess::Options options;
+  options.environment = {"NOTIFY_SOCKET=" + (dir / "notify"), "WATCHDOG_USEC=100000"};
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir), options);
+  EXPECT_EQ(manager.next(), "READY=1");
+  EXPECT_TRUE(zel.wait_for("Initialized"));
+  for (int beat = 0; beat < 3; ++beat) EXPECT_EQ(manager.next(1s), "WATCHDOG=1") << beat;
+
+  zel.signal(SIGSEGV);
+  auto restart = manager.until("READY=1");
+  ASSERT_GE(restart.size(), 2u);
+  EXPECT_THAT(restart[restart.size() - 2], ::testing::StartsWith("RELOADING=1\nMONOTONIC_USEC="));
+  EXPECT_TRUE(zel.wait_for("Initialized", 2));
+  EXPECT_EQ(manager.next(1s), "WATCHDOG=1") << "the new image beats too";
+
+  zel.signal(SIGTERM);
+  EXPECT_FALSE(manager.until("STOPPING=1").empty());
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  EXPECT_EQ(manager.next(300ms), "") << "no beat after the stop";
+}
+
+TEST(Capabilities, TheNeededOnesThatAreMissingAreNamed) {
+  auto names = [](const std::vector<Capability>& list) {
+    std::vector<std::string_view> out;
+    for (auto& c : list) out.push_back(c.name);
+    return out;
+  };
+  using V = std::vector<std::string_view>;
+  EXPECT_EQ(names(Capabilities::missing(0, 80)), (V{"CAP_NET_BIND_SERVICE", "CAP_SYS_RAWIO"}));
+  EXPECT_EQ(names(Capabilities::missing(0, 8080)), (V{"CAP_SYS_RAWIO"}));
+  EXPECT_EQ(names(Capabilities::missing(0, 0)), (V{"CAP_SYS_RAWIO"})) << "a free port needs no privilege";
+  EXPECT_EQ(names(Capabilities::missing(1ull << 17, 80)), (V{"CAP_NET_BIND_SERVICE"}));
+  EXPECT_TRUE(Capabilities::missing(~0ull, 80).empty());
+
+  // The effective set is the kernel's, as /proc shows it.
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  uint64_t shown = 0;
+  while (std::getline(status, line))
+    if (line.starts_with("CapEff:")) shown = std::stoull(line.substr(7), nullptr, 16);
+  EXPECT_EQ(Capabilities::effective(), shown);
+}
