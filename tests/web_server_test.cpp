@@ -414,16 +414,28 @@ TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
   EXPECT_EQ(api.call("GET", "/api/unknown").status, 404u);
 }
 
-TEST(WebHttpApi, InterlockOverviewListsInterlockTypesAndColouredNodes) {
-  Api api(R"(<door type="digital_io" label="Door" color="green"/><plain type="analog_io"/>
-             <hid type="digital_io" color="red" hidden="true"/>)");
+// A node type whose name says it is an interlock, wherever it is configured.
+class OverviewTestInterlock : public StateIO<int> {
+ public:
+  explicit OverviewTestInterlock(const VTree& config) : StateIO<int>(config) {}
+};
+ZEL_REGISTER_NODE("overview_test_interlock", OverviewTestInterlock);
+
+TEST(WebHttpApi, InterlockOverviewListsInterlocksAndColouredNodesOfTheManagerOnly) {
+  Api api(R"(<interlocks><door type="digital_io" label="Door" color="green"/>
+                         <hid type="digital_io" color="red" hidden="true"/></interlocks>
+             <vacuum type="overview_test_interlock" label="Vacuum" value="1"/>
+             <fit type="analog_io" color="red"/><plain type="analog_io"/>)");
   auto overview = nlohmann::json::parse(api.call("GET", "/api/interlocks").body);
-  ASSERT_EQ(overview["items"].size(), 1u);
+  std::vector<std::string> paths;
+  for (auto& item : overview["items"]) paths.push_back(item["path"]);
+  EXPECT_EQ(paths, (std::vector<std::string>{"interlocks/door", "vacuum"}));
   auto& door = overview["items"][0];
   EXPECT_EQ(door["label"], "Door");
   EXPECT_EQ(door["color"], "green");
-  EXPECT_EQ(door["color_field"], "door/color");
-  EXPECT_EQ(door["state_field"], "door/value");
+  EXPECT_EQ(door["color_field"], "interlocks/door/color");
+  EXPECT_EQ(door["state_field"], "interlocks/door/value");
+  EXPECT_EQ(overview["items"][1]["state"], 1);
   EXPECT_EQ(overview["manager"]["path"], "interlocks");
 }
 

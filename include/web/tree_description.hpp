@@ -19,6 +19,7 @@ class TreeDescription {
   static std::string of(const Vertex& vertex, int depth);
   // The interlock overview: {"manager": the node "interlocks" or null,
   // "items": [...]} listing every visible node whose type names an interlock
-  // or that carries a "color" attribute, with its state and colour fields.
+  // or a permit, and every node with a "color" attribute beneath the manager,
+  // each with its state and colour fields.
   static std::string interlocks(const Vertex& root);
 };

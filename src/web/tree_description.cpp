@@ -116,11 +116,17 @@ void for_each_node(const Vertex& vertex, F&& f) {
     if (!child->is_field()) for_each_node(*child, f);
 }
 
-bool shows_in_interlock_overview(const Node& node) {
-  if (node.hidden()) return false;
+// Interlocks and permits anywhere, and whatever carries a state colour inside
+// the interlock manager's subtree. A colour elsewhere (a calibration's fit
+// state) is no interlock and must not raise an alarm here.
+bool shows_in_interlock_overview(const Node& node, const Vertex* manager) {
+  if (node.hidden() || &node == manager) return false;
   auto type = node.type();
-  if (type == "InterlockManager") return false;
-  return type.find("Interlock") != std::string::npos || node.attribute_field("color") != nullptr;
+  if (type.find("Interlock") != std::string::npos || type.find("Permit") != std::string::npos) return true;
+  if (!manager || !node.attribute_field("color")) return false;
+  for (const Vertex* v = node.parent(); v; v = v->parent())
+    if (v == manager) return true;
+  return false;
 }
 
 }  // namespace
@@ -133,8 +139,9 @@ std::string TreeDescription::of(const Vertex& vertex, int depth) {
 
 std::string TreeDescription::interlocks(const Vertex& root) {
   json items = json::array();
-  for_each_node(root, [&items](const Node* node) {
-    if (!shows_in_interlock_overview(*node)) return;
+  auto* manager = dynamic_cast<const Node*>(root.find("interlocks"));
+  for_each_node(root, [&items, manager](const Node* node) {
+    if (!shows_in_interlock_overview(*node, manager)) return;
     auto* io = dynamic_cast<const IOBase*>(node);
     FieldBase* state = io ? io->value_field() : nullptr;
     FieldBase* color = node->attribute_field("color");
@@ -150,7 +157,6 @@ std::string TreeDescription::interlocks(const Vertex& root) {
     });
   });
   json out{{"items", std::move(items)}};
-  auto* manager = dynamic_cast<const Node*>(root.find("interlocks"));
   out["manager"] = manager ? describe_node(*manager, 0) : json();
   return dump(out);
 }

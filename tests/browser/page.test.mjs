@@ -24,7 +24,7 @@ const CONFIG = `<root label="Browser Test Rig">
     <gauge type="analog_io" label="Gauge" units="mbar" readonly="true" value="1"/>
   </channels>
   <gen type="signal_generator" label="Test signal" enabled="false"/>
-  <door type="digital_io" label="Door closed" color="green" value="true"/>
+  <interlocks><door type="digital_io" label="Door closed" color="green" value="true"/></interlocks>
 </root>`;
 
 let dataRoot, profile, zel, base, browser, page;
@@ -180,14 +180,14 @@ test("a button asks for confirmation and only then acts", async () => {
 
 test("the interlock overview follows each interlock's colour", async () => {
   await page.goto(`${base}/#/`);
-  const tile = page.locator('.tile[data-path="door"]');
+  const tile = page.locator('.tile[data-path="interlocks/door"]');
   await shows(tile, "OK");
   await shows(page.locator("#interlock-summary"), "Interlocks: OK");
   // Colours are the interlocks' own business; a WebSocket set stands in here.
   await page.evaluate(() => new Promise((resolve) => {
     const socket = new WebSocket(`ws://${location.host}/`);
     socket.onopen = () => {
-      socket.send(JSON.stringify({ event: "set", data: { "door/color": "red" } }));
+      socket.send(JSON.stringify({ event: "set", data: { "interlocks/door/color": "red" } }));
       setTimeout(() => { socket.close(); resolve(); }, 100);
     };
   }));

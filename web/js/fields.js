@@ -8,11 +8,12 @@ const NUMERIC = new Set(["double", "float", "int", "uint8", "uint16", "uint32", 
 
 // Shows a value and makes it flash when it changes.
 export function liveValue(field, live, extraClass = "") {
-  const text = h("span", { class: `value ${extraClass}`, dataset: { path: field.path } }, formatValue(field.value, field.type));
+  const text = h("span", { class: `value ${extraClass}`, dataset: { path: field.path } });
   const time = h("span", { class: "time", title: "last change" }, stampTime(field.stamp));
   let last = field.value;
   const show = (value) => {
-    const shown = formatValue(value, field.type);
+    const choice = field.choices?.find((c) => c.value === value);
+    const shown = choice ? choice.label || choice.value : formatValue(value, field.type);
     text.textContent = shown;
     text.classList.toggle("long", shown.length > 24);
   };
@@ -59,6 +60,19 @@ function editorFor(field, row, live) {
     });
     const stop = live.watch(field.path, (value) => (box.checked = value === true));
     return { element: h("label", { class: "switch" }, box, h("span", { class: "slider" })), stop };
+  }
+  if (field.choices?.length) {
+    const select = h("select", { "aria-label": `Choose ${title(field)}` },
+      field.choices.map((c) => h("option", { value: c.value }, c.label || c.value)));
+    select.value = field.value;
+    select.addEventListener("change", async () => {
+      if (!(await applySet(field, JSON.stringify(select.value), row))) select.value = field.value;
+    });
+    const stop = live.watch(field.path, (value) => {
+      field.value = value;
+      if (document.activeElement !== select) select.value = value;
+    });
+    return { element: h("span", { class: "editor" }, select), stop };
   }
   const numeric = NUMERIC.has(field.type);
   const input = h("input", {
