@@ -47,7 +47,7 @@ class ClientProtocol {
 
   struct PassResult {
     bool wrote = false;     // at least one member: `out` is to be sent
-    bool complete = true;   // every subscription was visited
+    bool complete = true;   // every queued subscription was visited
     double seconds = 0;
   };
 
