@@ -10,11 +10,14 @@ packages=(
   libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-numpy  # the independent reference of the calibration fit test
+  chromium nodejs npm  # the browser tests
 )
 packages+=("$@")
 
 missing=()
 for p in "${packages[@]}"; do
+  # Node.js from other sources brings its own npm; the command is what counts.
+  [[ "$p" == npm ]] && command -v npm >/dev/null && continue
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done

@@ -29,6 +29,7 @@ uint64_t system_wall() {
 }
 
 void refresh_locked();
+void reset_reference_locked();
 
 // A replaced time source only moves when its owner advances it.
 void tick() {
@@ -46,7 +47,10 @@ uint64_t compute_stamp() {
 class Ticker {
  public:
   Ticker() {
-    Clock::reset_reference();
+    {
+      std::lock_guard lock(refresh_mutex);
+      reset_reference_locked();
+    }
     thread_ = std::thread([this] {
       pthread_setname_np(pthread_self(), "clock");
       while (!stop_.load(std::memory_order_relaxed)) {
@@ -113,6 +117,9 @@ void Clock::refresh() {
 }
 
 void Clock::reset_reference() {
+  // The ticker must run before the cached stamp is set: cached_ns() starts it
+  // only while the stamp is still zero.
+  ensure_ticker();
   std::lock_guard lock(refresh_mutex);
   reset_reference_locked();
 }

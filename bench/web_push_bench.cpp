@@ -1,0 +1,147 @@
+// Change-to-client latency of WebSocket pushes: N clients on 127.0.0.1, each
+// subscribed to the same M fields; the benchmark sets one field every P
+// milliseconds (round robin) to the steady-clock time of the set, and every
+// client measures, per pushed sample, how long ago that was.
+#include <benchmark/benchmark.h>
+#include <stdlib.h>
+
+#include <algorithm>
+#include <charconv>
+#include <deque>
+#include <filesystem>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "../tests/web_client.hpp"
+#include "core/clock.hpp"
+#include "core/io/io.hpp"
+#include "core/log.hpp"
+#include "core/root.hpp"
+#include "formats/format_xml.hpp"
+#include "std/paths.hpp"
+#include "std/process_limits.hpp"
+#include "web/web_server.hpp"
+
+namespace {
+
+namespace wc = web_client;
+
+double steady_ms() { return static_cast<double>(Clock::steady_ns()) / 1e6; }
+
+double percentile(std::vector<double>& sorted, double p) {
+  if (sorted.empty()) return 0;
+  auto index = static_cast<size_t>(p * static_cast<double>(sorted.size() - 1));
+  return sorted[index];
+}
+
+// Reads every client's pushes on one thread and keeps the latencies.
+class LatencyReaders {
+ public:
+  LatencyReaders(uint16_t port, int clients, const std::string& subscribe) {
+    for (int i = 0; i < clients; ++i) {
+      clients_.push_back(std::make_unique<wc::WebSocketClient>(io_, port));
+      clients_.back()->send(subscribe);
+      buffers_.emplace_back();
+    }
+    for (size_t i = 0; i < clients_.size(); ++i) arm(i);
+    thread_ = std::thread([this] { io_.run(); });
+  }
+  ~LatencyReaders() {
+    io_.stop();
+    thread_.join();
+  }
+  // Samples of values set from now on count.
+  void start_measuring() { since_ms_ = steady_ms(); }
+  std::vector<double> stop_and_take() {
+    io_.stop();
+    thread_.join();
+    thread_ = std::thread([] {});
+    return std::move(latencies_);
+  }
+
+ private:
+  void arm(size_t i) {
+    clients_[i]->stream().async_read(buffers_[i], [this, i](wc::beast::error_code ec, size_t) {
+      if (ec) return;
+      double now = steady_ms();
+      auto data = buffers_[i].cdata();
+      record(std::string_view(static_cast<const char*>(data.data()), data.size()), now);
+      buffers_[i].consume(buffers_[i].size());
+      arm(i);
+    });
+  }
+
+  // Every sample "[[value," of a push; the value is the set's time. A scan,
+  // not a JSON parser, so that the clients' own work disturbs little.
+  void record(std::string_view push, double now) {
+    for (size_t at = push.find("[["); at != std::string_view::npos; at = push.find("[[", at + 2)) {
+      double value = 0;
+      auto begin = push.data() + at + 2;
+      if (std::from_chars(begin, push.data() + push.size(), value).ec != std::errc()) continue;
+      double set_at = value / 1e6;
+      if (since_ms_ > 0 && set_at >= since_ms_) latencies_.push_back(now - set_at);
+    }
+  }
+
+  wc::net::io_context io_;
+  std::vector<std::unique_ptr<wc::WebSocketClient>> clients_;
+  std::deque<wc::beast::flat_buffer> buffers_;
+  std::vector<double> latencies_;
+  std::atomic<double> since_ms_{0};
+  std::thread thread_;
+};
+
+void BM_WebPushLatency(benchmark::State& state) {
+  const int clients = static_cast<int>(state.range(0));
+  const int fields = static_cast<int>(state.range(1));
+  const auto period = std::chrono::milliseconds(state.range(2));
+  raise_open_file_limit();
+  Log::set_level(LogLevel::Warning);
+  std::string dir_pattern = (std::filesystem::temp_directory_path() / "zel-bench-XXXXXX").string();
+  std::string dir = mkdtemp(dir_pattern.data());
+  Paths::set_data_root(dir);
+
+  std::string xml = R"(<root><web_server type="web_server" port="0"/><f type="component">)";
+  for (int i = 0; i < fields; ++i) xml += "<v" + std::to_string(i) + R"( type="analog_io" value="0"/>)";
+  xml += "</f></root>";
+  auto root = FormatXML::instance().build(xml);
+  root->initialize();
+  auto port = static_cast<WebServer*>(root->find_path("web_server"))->port();
+  std::vector<AnalogIO*> ios;
+  nlohmann::json members;
+  for (int i = 0; i < fields; ++i) {
+    ios.push_back(static_cast<AnalogIO*>(root->find_path("f/v" + std::to_string(i))));
+    members["f/v" + std::to_string(i) + "/value"] = 1;
+  }
+  nlohmann::json subscribe{{"event", "subscribe"}, {"data", members}};
+
+  {
+    LatencyReaders readers(port, clients, subscribe.dump());
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));  // first pushes, current values
+    readers.start_measuring();
+    size_t next = 0;
+    auto tick = std::chrono::steady_clock::now();
+    for (auto _ : state) {
+      ios[next++ % ios.size()]->set(static_cast<double>(Clock::steady_ns()));
+      tick += period;
+      std::this_thread::sleep_until(tick);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));  // the last pushes
+    auto latencies = readers.stop_and_take();
+    std::sort(latencies.begin(), latencies.end());
+    state.counters["p50_ms"] = percentile(latencies, 0.50);
+    state.counters["p99_ms"] = percentile(latencies, 0.99);
+    state.counters["max_ms"] = latencies.empty() ? 0 : latencies.back();
+    state.counters["samples"] = static_cast<double>(latencies.size());
+  }
+  root.reset();
+  std::filesystem::remove_all(dir);
+  Log::set_level(LogLevel::Info);
+}
+// 100 clients x 100 fields, a change every millisecond (each field at 10 Hz): 3 s.
+BENCHMARK(BM_WebPushLatency)->Args({100, 100, 1})->Iterations(3000)->UseRealTime()->Unit(benchmark::kMillisecond);
+// 1000 clients on one field changing at 5 Hz: 3 s.
+BENCHMARK(BM_WebPushLatency)->Args({1000, 1, 200})->Iterations(15)->UseRealTime()->Unit(benchmark::kMillisecond);
+
+}  // namespace

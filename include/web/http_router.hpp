@@ -1,0 +1,59 @@
+#pragma once
+// HttpRouter: the answer to every plain HTTP request, independent of sockets.
+//
+//   GET  /io/<path>[.json | /index.json]   the vertex or field as JSON, the same
+//                                          text as the file system's files
+//   PUT  /io/<path>[.json]   (or POST)      sets a field (or an IO's value) from
+//                                          the body's value text; answers
+//                                          {"status":"success"} or
+//                                          {"status":"failed"} with the reason in
+//                                          the header X-Zel-Error
+//   GET  /api/tree[/<path>]?depth=N        the tree described for pages
+//   GET  /api/interlocks                   the interlock overview
+//   GET  /api/log?after=N&limit=M          log records after sequence number N
+//   GET  anything else                     a file of the document root
+// HEAD is answered like GET without the body. Other methods get 405.
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+class Root;
+class DocumentRoot;
+
+struct HttpRequestView {
+  std::string_view method;  // "GET", "PUT", ...
+  std::string_view target;  // as sent: "/io/pulse/count.json?x=1"
+  std::string_view body;
+};
+
+struct HttpReply {
+  unsigned status = 200;
+  std::string_view content_type = "text/plain";
+  std::string_view cache_control = "no-store";
+  std::string body;
+  std::string error;  // sent as X-Zel-Error when not empty
+};
+
+class HttpRouter {
+ public:
+  static constexpr std::string_view kSuccess = R"({"status":"success"})";
+  static constexpr std::string_view kFailed = R"({"status":"failed"})";
+  static constexpr std::string_view kFileNotFound = "File not found";
+  static constexpr int kDefaultLogLimit = 200;
+
+  HttpRouter(Root& root, const DocumentRoot& documents) : root_(root), documents_(documents) {}
+
+  HttpReply answer(const HttpRequestView& request) const;
+
+ private:
+  HttpReply read_tree(std::string_view target) const;
+  HttpReply set_field(std::string_view target, std::string_view body) const;
+  HttpReply describe_tree(std::string_view target) const;
+  HttpReply interlocks() const;
+  HttpReply log_records(std::string_view target) const;
+  HttpReply document(std::string_view target) const;
+
+  Root& root_;
+  const DocumentRoot& documents_;
+};

@@ -1,0 +1,42 @@
+#pragma once
+// HTTPSession: one plain HTTP connection. It reads requests (limits on header
+// and body size, a time-out per read and write), answers them through the
+// router in order through its HttpWorkQueue, and hands the connection to a
+// new WebsocketSession when a request asks for the upgrade. Runs on the
+// connection's strand.
+#include <memory>
+#include <optional>
+
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/parser.hpp>
+#include <boost/beast/http/string_body.hpp>
+
+#include "web/http_work_queue.hpp"
+#include "web/web_stream.hpp"
+
+class WebShared;
+
+class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
+ public:
+  HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared);
+  ~HTTPSession();
+
+  void run();
+
+ private:
+  void do_read();
+  void on_read(boost::beast::error_code ec, size_t bytes);
+  // Answers a request that could not be read whole, then closes.
+  void refuse(unsigned status, std::string_view text);
+  void queue_reply(HttpWorkQueue::Response&& response);
+  void do_write();
+  void on_write(boost::beast::error_code ec, size_t bytes);
+  void do_close();
+
+  WebTcpStream stream_;
+  boost::beast::flat_buffer buffer_;
+  std::shared_ptr<WebShared> shared_;
+  std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
+  HttpWorkQueue queue_;
+  bool closing_ = false;  // no more reads: the last reply closes the connection
+};

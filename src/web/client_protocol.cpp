@@ -1,0 +1,150 @@
+#include "web/client_protocol.hpp"
+
+#include <algorithm>
+
+#include <nlohmann/json.hpp>
+
+#include "core/clock.hpp"
+#include "core/log.hpp"
+
+namespace {
+
+// Client texts are shown in the log cut to a readable length.
+std::string shown(std::string_view text) {
+  constexpr size_t kShown = 120;
+  if (text.size() <= kShown) return std::string(text);
+  return std::string(text.substr(0, kShown)) + "...";
+}
+
+FieldBase* field_at(Vertex& tree, const std::string& path) {
+  Vertex* v = tree.find(path);
+  return v && v->is_field() ? static_cast<FieldBase*>(v) : nullptr;
+}
+
+}  // namespace
+
+ClientProtocol::ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions)
+    : tree_(tree), trigger_(std::move(trigger)), max_subscriptions_(max_subscriptions) {
+  handlers_.emplace("subscribe", [this](std::string_view data) { subscribe(data); });
+  handlers_.emplace("set", [this](std::string_view data) { set(data); });
+  handlers_.emplace("unsubscribe", [this](std::string_view data) { unsubscribe(data); });
+}
+
+template <class... Args>
+void ClientProtocol::problem(fmt::format_string<Args...> format, Args&&... args) {
+  ++problems_;
+  if (problems_ < kLoggedProblems) {
+    ZEL_ERROR("{}", fmt::format(format, std::forward<Args>(args)...));
+  } else if (problems_ == kLoggedProblems) {
+    ZEL_ERROR("{} (further problems of this WebSocket client are not logged)",
+              fmt::format(format, std::forward<Args>(args)...));
+  }
+}
+
+void ClientProtocol::handle_message(std::string_view text) {
+  auto message = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
+  if (message.is_discarded()) {
+    problem("Malformed WebSocket message: {}", shown(text));
+    return;
+  }
+  if (!message.is_object()) {
+    problem("WebSocket message is not an object: {}", shown(text));
+    return;
+  }
+  auto event = message.find("event");
+  if (event == message.end() || !event->is_string()) {
+    problem("WebSocket message without an event name: {}", shown(text));
+    return;
+  }
+  const auto& name = event->get_ref<const std::string&>();
+  auto handler = handlers_.find(name);
+  if (handler == handlers_.end()) {
+    problem("Unknown WebSocket event '{}'", shown(name));
+    return;
+  }
+  auto data = message.find("data");
+  std::string data_text = data == message.end() ? "null" : data->dump();
+  try {
+    handler->second(data_text);
+  } catch (const std::exception& e) {
+    ZEL_ERROR("WebSocket event '{}' failed: {}", name, e.what());
+  }
+}
+
+void ClientProtocol::for_each_field(std::string_view data, std::string_view event, std::string_view verb,
+                                    const std::function<void(FieldBase&, const nlohmann::json&)>& f) {
+  auto members = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
+  if (!members.is_object()) {
+    problem("WebSocket '{}' data is not an object: {}", event, shown(data));
+    return;
+  }
+  for (auto& [path, value] : members.items()) {
+    if (FieldBase* field = field_at(tree_, path)) f(*field, value);
+    else problem("WebSocket client tried to {} unknown field '{}'", verb, shown(path));
+  }
+}
+
+void ClientProtocol::subscribe(std::string_view data) {
+  for_each_field(data, "subscribe", "subscribe to", [this](FieldBase& field, const nlohmann::json& mode) {
+    if (auto known = by_field_.find(&field); known != by_field_.end()) {
+      known->second->report_again();
+      return;
+    }
+    if (subscriptions_.size() >= max_subscriptions_) {
+      problem("WebSocket client has {} subscriptions, the most allowed; '{}' is not watched", max_subscriptions_,
+              field.path());
+      return;
+    }
+    auto kind = mode.is_string() && mode.get_ref<const std::string&>() == "history" ? Subscription::Mode::History
+                                                                                   : Subscription::Mode::Latest;
+    auto id = next_id_++;
+    auto subscription = std::make_unique<Subscription>(id, field, kind, trigger_);
+    by_field_.emplace(&field, subscription.get());
+    subscriptions_.emplace(id, std::move(subscription));
+  });
+}
+
+void ClientProtocol::set(std::string_view data) {
+  for_each_field(data, "set", "set", [](FieldBase& field, const nlohmann::json& value) { field.read_json(value.dump()); });
+}
+
+void ClientProtocol::unsubscribe(std::string_view data) {
+  for_each_field(data, "unsubscribe", "unsubscribe from", [this](FieldBase& field, const nlohmann::json&) {
+    auto known = by_field_.find(&field);
+    if (known == by_field_.end()) {
+      problem("WebSocket client tried to unsubscribe from unknown field '{}'", field.path());
+      return;
+    }
+    subscriptions_.erase(known->second->id());
+    by_field_.erase(known);
+  });
+}
+
+ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
+  PassResult result;
+  out.clear();
+  out.append(kUpdateOpening);
+  trigger_->take(queued_);
+  std::sort(queued_.begin(), queued_.end());
+  queued_.erase(std::unique(queued_.begin(), queued_.end()), queued_.end());
+  auto start = Clock::steady_ns();
+  size_t visited = 0;
+  for (; visited < queued_.size(); ++visited) {
+    if (Clock::seconds_since(start) >= kPassBudgetSeconds) {
+      result.complete = false;
+      break;
+    }
+    auto found = subscriptions_.find(queued_[visited]);
+    if (found == subscriptions_.end()) continue;  // unsubscribed meanwhile
+    auto& subscription = *found->second;
+    if (!subscription.due()) continue;
+    if (result.wrote) out.push_back(',');
+    result.wrote = true;
+    subscription.write_report(out);
+  }
+  queued_.erase(queued_.begin(), queued_.begin() + static_cast<std::ptrdiff_t>(visited));
+  out.append("}}");
+  result.seconds = Clock::seconds_since(start);
+  if (result.seconds > kSlowPassSeconds) ZEL_WARN("Slow WebSocket response time: {} seconds", result.seconds);
+  return result;
+}

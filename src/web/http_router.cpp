@@ -1,0 +1,170 @@
+#include "web/http_router.hpp"
+
+#include <charconv>
+
+#include <nlohmann/json.hpp>
+
+#include "core/log.hpp"
+#include "core/log_io.hpp"
+#include "core/root.hpp"
+#include "web/document_root.hpp"
+#include "web/field_access.hpp"
+#include "web/tree_description.hpp"
+
+namespace {
+
+constexpr std::string_view kJson = "application/json";
+
+bool has_prefix_segment(std::string_view target, std::string_view prefix) {
+  if (!target.starts_with(prefix)) return false;
+  auto rest = target.substr(prefix.size());
+  return rest.empty() || rest.front() == '/' || rest.front() == '?';
+}
+
+// The number after "name=" in the target's query, or `fallback`.
+long query_number(std::string_view target, std::string_view name, long fallback) {
+  auto query = target.find('?');
+  if (query == std::string_view::npos) return fallback;
+  auto rest = target.substr(query + 1);
+  while (!rest.empty()) {
+    auto amp = rest.find('&');
+    auto pair = rest.substr(0, amp);
+    rest = amp == std::string_view::npos ? std::string_view{} : rest.substr(amp + 1);
+    if (pair.starts_with(name) && pair.size() > name.size() && pair[name.size()] == '=') {
+      long value = fallback;
+      auto digits = pair.substr(name.size() + 1);
+      auto [end, ec] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+      return ec == std::errc() && end == digits.data() + digits.size() ? value : fallback;
+    }
+  }
+  return fallback;
+}
+
+// The tree path a target names below `prefix`: "/io/a/b.json", "/io/a/b/index.json"
+// and "/io/a/b" all name "a/b". Empty optional for a malformed target.
+std::optional<std::string> tree_path(std::string_view target, std::string_view prefix) {
+  std::string rest(target.substr(prefix.size()));
+  if (rest.empty() || rest.front() != '/') rest.insert(0, "/");
+  auto relative = DocumentRoot::relative_path(rest);
+  if (!relative) return std::nullopt;
+  std::string path = std::move(*relative);
+  if (path == "index.json") return std::string();
+  if (path.ends_with("/index.json")) path.resize(path.size() - std::string_view("/index.json").size());
+  else if (path.ends_with(".json")) path.resize(path.size() - std::string_view(".json").size());
+  return path;
+}
+
+HttpReply text_reply(unsigned status, std::string_view text) {
+  HttpReply reply;
+  reply.status = status;
+  reply.body = text;
+  return reply;
+}
+
+HttpReply json_reply(std::string body) {
+  HttpReply reply;
+  reply.content_type = kJson;
+  reply.body = std::move(body);
+  return reply;
+}
+
+HttpReply not_found() { return text_reply(404, HttpRouter::kFileNotFound); }
+
+}  // namespace
+
+HttpReply HttpRouter::answer(const HttpRequestView& request) const {
+  auto target = request.target;
+  bool read = request.method == "GET" || request.method == "HEAD";
+  bool write = request.method == "PUT" || request.method == "POST";
+  if (has_prefix_segment(target, "/io")) {
+    if (read) return read_tree(target);
+    if (write) return set_field(target, request.body);
+  } else if (read) {
+    if (has_prefix_segment(target, "/api/tree")) return describe_tree(target);
+    if (has_prefix_segment(target, "/api/interlocks")) return interlocks();
+    if (has_prefix_segment(target, "/api/log")) return log_records(target);
+    if (has_prefix_segment(target, "/api")) return not_found();
+    return document(target);
+  }
+  ZEL_ERROR("HTTP method {} is not allowed for '{}'", request.method.substr(0, 20), target.substr(0, 200));
+  return text_reply(405, "Method not allowed");
+}
+
+HttpReply HttpRouter::read_tree(std::string_view target) const {
+  auto path = tree_path(target, "/io");
+  Vertex* vertex = path ? root_.find_path(*path) : nullptr;
+  if (!vertex) return not_found();
+  return json_reply(vertex->json());
+}
+
+HttpReply HttpRouter::set_field(std::string_view target, std::string_view body) const {
+  HttpReply reply = json_reply(std::string(kFailed));
+  auto path = tree_path(target, "/io");
+  if (!path) {
+    reply.status = 400;
+    reply.error = "The target names no field.";
+    return reply;
+  }
+  switch (FieldAccess::set(root_, *path, body, reply.error)) {
+    case FieldAccess::Outcome::Done:
+      reply.body = kSuccess;
+      break;
+    case FieldAccess::Outcome::NotFound:
+      reply.status = 404;
+      break;
+    case FieldAccess::Outcome::ReadOnly:
+      reply.status = 403;
+      break;
+    case FieldAccess::Outcome::Refused:
+      reply.status = 400;
+      break;
+  }
+  if (reply.status != 200) ZEL_ERROR("Web client set refused: {}", reply.error);
+  return reply;
+}
+
+HttpReply HttpRouter::describe_tree(std::string_view target) const {
+  auto path = tree_path(target, "/api/tree");
+  Vertex* vertex = path ? root_.find_path(*path) : nullptr;
+  if (!vertex) return not_found();
+  int depth = static_cast<int>(std::clamp(query_number(target, "depth", 1), 0L, 64L));
+  return json_reply(TreeDescription::of(*vertex, depth));
+}
+
+HttpReply HttpRouter::interlocks() const { return json_reply(TreeDescription::interlocks(root_)); }
+
+HttpReply HttpRouter::log_records(std::string_view target) const {
+  auto after = static_cast<uint64_t>(std::max(0L, query_number(target, "after", 0)));
+  auto limit = static_cast<size_t>(std::clamp(query_number(target, "limit", kDefaultLogLimit), 1L, 10000L));
+  auto entries = root_.log().records_after(after);
+  size_t skip = entries.size() > limit ? entries.size() - limit : 0;
+  nlohmann::json records = nlohmann::json::array();
+  for (size_t i = skip; i < entries.size(); ++i) {
+    auto& [sequence, record] = entries[i];
+    records.push_back({{"seq", sequence},
+                       {"level", to_string(record.level)},
+                       {"source", record.source},
+                       {"line", record.line},
+                       {"text", record.text},
+                       {"stamp", record.stamp}});
+  }
+  nlohmann::json out{{"last", root_.log().last_sequence()}, {"records", std::move(records)}};
+  return json_reply(out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+}
+
+HttpReply HttpRouter::document(std::string_view target) const {
+  DocumentRoot::Document file;
+  switch (documents_.find(target, file)) {
+    case DocumentRoot::Result::Found: {
+      HttpReply reply;
+      reply.content_type = file.content_type;
+      reply.cache_control = file.cache_control;
+      reply.body = std::move(file.content);
+      return reply;
+    }
+    case DocumentRoot::Result::Refused:
+    case DocumentRoot::Result::NotFound:
+      break;
+  }
+  return not_found();
+}

@@ -1,0 +1,113 @@
+#include "web/http_session.hpp"
+
+#include <boost/asio/dispatch.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/write.hpp>
+#include <boost/beast/websocket/rfc6455.hpp>
+
+#include "core/log.hpp"
+#include "web/http_router.hpp"
+#include "web/web_shared.hpp"
+#include "web/websocket_session.hpp"
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace net = boost::asio;
+
+namespace {
+
+bool is_http_parse_error(const beast::error_code& ec) {
+  return ec.category() == http::make_error_code(http::error::bad_target).category();
+}
+
+HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpReply&& reply, bool head) {
+  HttpWorkQueue::Response response{static_cast<http::status>(reply.status), version};
+  response.set(http::field::server, "ZEL");
+  response.set(http::field::content_type, reply.content_type);
+  response.set(http::field::cache_control, reply.cache_control);
+  if (!reply.error.empty()) response.set("X-Zel-Error", reply.error);
+  response.keep_alive(keep_alive);
+  response.content_length(reply.body.size());
+  // A reply to HEAD announces the length of the body it leaves out.
+  if (!head) response.body() = std::move(reply.body);
+  return response;
+}
+
+}  // namespace
+
+HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
+    : stream_(std::move(socket)), shared_(std::move(shared)), queue_(shared_->limits().http_pipeline_max) {
+  shared_->http_opened();
+}
+
+HTTPSession::~HTTPSession() { shared_->http_closed(); }
+
+void HTTPSession::run() {
+  net::dispatch(stream_.get_executor(), beast::bind_front_handler(&HTTPSession::do_read, shared_from_this()));
+}
+
+void HTTPSession::do_read() {
+  parser_.emplace();
+  parser_->body_limit(shared_->limits().http_body_max);
+  parser_->header_limit(static_cast<std::uint32_t>(shared_->limits().http_header_max));
+  stream_.expires_after(shared_->limits().http_timeout);
+  http::async_read(stream_, buffer_, *parser_, beast::bind_front_handler(&HTTPSession::on_read, shared_from_this()));
+}
+
+void HTTPSession::on_read(beast::error_code ec, size_t) {
+  if (ec == http::error::body_limit) return refuse(413, "Request body too large");
+  if (ec == http::error::header_limit) return refuse(431, "Request header too large");
+  if (ec && is_http_parse_error(ec) && ec != http::error::end_of_stream && ec != http::error::partial_message) {
+    ZEL_ERROR("Bad HTTP request: {}", ec.message());
+    return refuse(400, "Bad request");
+  }
+  if (ec) return do_close();  // the peer went away or timed out
+
+  auto& request = parser_->get();
+  if (beast::websocket::is_upgrade(request)) {
+    stream_.expires_never();
+    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_)->run(parser_->release());
+    return;
+  }
+  HttpRequestView view{request.method_string(), request.target(), request.body()};
+  auto reply = shared_->router().answer(view);
+  queue_reply(make_response(request.version(), request.keep_alive(), std::move(reply),
+                            request.method() == http::verb::head));
+  if (!queue_.full()) do_read();
+}
+
+void HTTPSession::refuse(unsigned status, std::string_view text) {
+  closing_ = true;
+  HttpReply reply;
+  reply.status = status;
+  reply.body = text;
+  queue_reply(make_response(11, false, std::move(reply), false));
+}
+
+void HTTPSession::queue_reply(HttpWorkQueue::Response&& response) {
+  if (queue_.push(std::move(response))) do_write();
+}
+
+void HTTPSession::do_write() {
+  stream_.expires_after(shared_->limits().http_timeout);
+  http::async_write(stream_, queue_.front(), beast::bind_front_handler(&HTTPSession::on_write, shared_from_this()));
+}
+
+void HTTPSession::on_write(beast::error_code ec, size_t) {
+  if (ec) {
+    ZEL_ERROR("write {}", ec.message());
+    return do_close();
+  }
+  bool close = !queue_.empty() && queue_.front().need_eof();
+  bool was_full = queue_.pop_written();
+  if (close) return do_close();
+  if (!queue_.empty()) do_write();
+  if (was_full && !closing_) do_read();
+}
+
+void HTTPSession::do_close() {
+  beast::error_code ec;
+  stream_.socket().shutdown(net::ip::tcp::socket::shutdown_send, ec);
+  stream_.socket().close(ec);
+}

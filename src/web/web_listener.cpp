@@ -1,0 +1,79 @@
+#include "web/web_listener.hpp"
+
+#include <boost/asio/strand.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+
+#include "core/log.hpp"
+#include "web/http_session.hpp"
+
+namespace net = boost::asio;
+namespace beast = boost::beast;
+using net::ip::tcp;
+
+namespace {
+constexpr auto kRetryAfterFailedAccept = std::chrono::milliseconds(100);
+}
+
+WebListener::WebListener(net::io_context& io, std::vector<net::io_context*> session_ios, std::shared_ptr<WebShared> shared)
+    : acceptor_(io), session_ios_(std::move(session_ios)), retry_(io), shared_(std::move(shared)) {}
+
+bool WebListener::open(const tcp::endpoint& endpoint) {
+  beast::error_code ec;
+  acceptor_.open(endpoint.protocol(), ec);
+  if (ec) {
+    ZEL_ERROR("open {}", ec.message());
+    return false;
+  }
+  // An in-place restart binds again at once, past the old connections' TIME_WAIT.
+  acceptor_.set_option(net::socket_base::reuse_address(true), ec);
+  if (ec) {
+    ZEL_ERROR("set_option {}", ec.message());
+    return false;
+  }
+  acceptor_.bind(endpoint, ec);
+  if (ec) {
+    ZEL_ERROR("bind {}", ec.message());
+    return false;
+  }
+  acceptor_.listen(net::socket_base::max_listen_connections, ec);
+  if (ec) {
+    ZEL_ERROR("listen {}", ec.message());
+    return false;
+  }
+  return true;
+}
+
+uint16_t WebListener::port() const {
+  beast::error_code ec;
+  auto endpoint = acceptor_.local_endpoint(ec);
+  return ec ? 0 : endpoint.port();
+}
+
+void WebListener::run() { do_accept(); }
+
+void WebListener::close() {
+  beast::error_code ec;
+  retry_.cancel();
+  acceptor_.close(ec);
+}
+
+void WebListener::do_accept() {
+  auto& io = *session_ios_[next_io_++ % session_ios_.size()];
+  acceptor_.async_accept(net::make_strand(io), beast::bind_front_handler(&WebListener::on_accept, shared_from_this()));
+}
+
+void WebListener::on_accept(beast::error_code ec, WebSocketTcp socket) {
+  if (ec == net::error::operation_aborted || !acceptor_.is_open()) return;
+  if (ec) {
+    ZEL_ERROR("async_accept {}", ec.message());
+    retry_.expires_after(kRetryAfterFailedAccept);
+    retry_.async_wait([self = shared_from_this()](beast::error_code wait_ec) {
+      if (!wait_ec) self->do_accept();
+    });
+    return;
+  }
+  // Pushes are small and must not wait for more data to fill a segment.
+  socket.set_option(tcp::no_delay(true), ec);
+  std::make_shared<HTTPSession>(std::move(socket), shared_)->run();
+  do_accept();
+}

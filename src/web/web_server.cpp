@@ -1,0 +1,113 @@
+#include "web/web_server.hpp"
+
+#include <algorithm>
+#include <thread>
+
+#include <boost/asio/ip/address.hpp>
+#include <boost/asio/post.hpp>
+
+#include "core/context.hpp"
+#include "core/log.hpp"
+#include "core/root.hpp"
+#include "std/paths.hpp"
+#include "std/process_limits.hpp"
+#include "web/web_listener.hpp"
+#include "web/web_shared.hpp"
+
+ZEL_REGISTER_NODE("web_server", WebServer);
+
+namespace net = boost::asio;
+
+struct WebServer::Running {
+  std::shared_ptr<WebShared> shared;
+  // Each network thread is a context with its own io_context; connections
+  // are spread over them and stay on one.
+  std::vector<std::unique_ptr<Context>> contexts;
+  std::shared_ptr<WebListener> listener;
+};
+
+namespace {
+
+int default_threads() {
+  return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+}
+
+template <class T>
+ValueField<T>& client_field(Node& node, std::string name) {
+  auto& field = node.add<ValueField<T>>(std::move(name));
+  field.set_readonly(true);
+  return field;
+}
+
+}  // namespace
+
+WebServer::WebServer(const VTree& config)
+    : Component(config),
+      port_(add_setting<ValueField<int>>(config, "port")),
+      address_(add_setting<ValueField<std::string>>(config, "address")),
+      threads_(add_setting<ValueField<int>>(config, "threads")),
+      http_sessions_(client_field<unsigned int>(*this, "http_sessions")),
+      websocket_sessions_(client_field<unsigned int>(*this, "websocket_sessions")) {
+  describe("Web Server", "Services HTTP and WebSocket requests for the system.", "applications");
+  set_default("hidden", false);
+  port_.set_readonly(true);
+  address_.set_readonly(true);
+  threads_.set_readonly(true);
+  if (!address_.assigned()) address_.set("0.0.0.0");
+  if (!threads_.assigned()) threads_.set(default_threads());
+}
+
+WebServer::~WebServer() { shut_down(); }
+
+uint16_t WebServer::port() const { return running_ && running_->listener ? running_->listener->port() : 0; }
+
+void WebServer::start() {
+  Component::start();
+  if (running_) return;
+  int port = port_.assigned() ? port_.get() : Paths::port();
+  if (port < 0 || port > 65535) {
+    ZEL_ERROR("Web port {} is out of range; the web server does not listen", port);
+    return;
+  }
+  boost::system::error_code ec;
+  auto address = net::ip::make_address(address_.get(), ec);
+  if (ec) {
+    ZEL_ERROR("Web address '{}' is not an IP address; the web server does not listen", address_.get());
+    return;
+  }
+  raise_open_file_limit();
+
+  auto running = std::make_unique<Running>();
+  running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), WebLimits{},
+                                                WebShared::Counters{&http_sessions_, &websocket_sessions_});
+  int threads = std::clamp(threads_.get(), 1, 64);
+  std::vector<net::io_context*> ios;
+  for (int i = 0; i < threads; ++i) {
+    running->contexts.push_back(std::make_unique<Context>(fmt::format("{}/{}", name(), i)));
+    ios.push_back(&running->contexts.back()->io());
+  }
+  running->listener = std::make_shared<WebListener>(*ios.front(), ios, running->shared);
+  if (!running->listener->open({address, static_cast<uint16_t>(port)})) return;
+  port_.set(running->listener->port());
+  ZEL_INFO("Web server listening on port {}", port_.get());
+  for (auto& context : running->contexts) context->start_context();
+  net::post(*ios.front(), [listener = running->listener] { listener->run(); });
+  running_ = std::move(running);
+}
+
+void WebServer::stop(StopStage stage) {
+  Component::stop(stage);
+  if (stage == StopStage::Stop0) shut_down();
+}
+
+void WebServer::shut_down() {
+  if (!running_) return;
+  // No tree thread may post into the threads about to go.
+  running_->shared->cut_all_triggers();
+  for (auto& context : running_->contexts) context->stop_context();
+  running_->listener->close();
+  running_->listener.reset();
+  // Destroying the io_contexts destroys the sessions waiting in them.
+  running_->contexts.clear();
+  running_.reset();
+}

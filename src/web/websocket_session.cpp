@@ -1,0 +1,148 @@
+#include "web/websocket_session.hpp"
+
+#include <boost/asio/post.hpp>
+#include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/websocket/error.hpp>
+
+#include "core/log.hpp"
+#include "core/root.hpp"
+#include "web/web_shared.hpp"
+
+namespace beast = boost::beast;
+namespace websocket = beast::websocket;
+namespace net = boost::asio;
+
+namespace {
+
+// Compression: small windows both ways keep a thousand sessions' state small
+// (client messages are short; pushes are short and repetitive, so a 2 KiB
+// window still pays), and the fastest level halves the cost per push.
+websocket::permessage_deflate deflate_options() {
+  websocket::permessage_deflate options;
+  options.server_enable = true;
+  options.server_max_window_bits = 11;
+  options.client_max_window_bits = 11;
+  options.compLevel = 1;
+  return options;
+}
+
+// Disconnects are a client's business; only other failures are logged.
+bool is_disconnect(const beast::error_code& ec) {
+  return ec == websocket::error::closed || ec == net::error::eof || ec == net::error::connection_reset ||
+         ec == net::error::broken_pipe || ec == net::error::operation_aborted || ec == beast::error::timeout ||
+         ec == net::error::not_connected;
+}
+
+}  // namespace
+
+WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
+    : ws_(std::move(socket)),
+      shared_(std::move(shared)),
+      trigger_(std::make_shared<PushTrigger>()),
+      protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
+      push_timer_(ws_.get_executor()) {
+  out_.reserve(ClientProtocol::kPushBufferReserve);
+}
+
+WebsocketSession::~WebsocketSession() {
+  trigger_->cut();
+  if (registration_) shared_->websocket_closed(registration_);
+}
+
+void WebsocketSession::run(Request request) {
+  const auto& limits = shared_->limits();
+  websocket::stream_base::timeout timeouts{};
+  timeouts.handshake_timeout = std::chrono::seconds(30);
+  timeouts.idle_timeout = limits.websocket_idle_timeout;
+  timeouts.keep_alive_pings = true;
+  ws_.set_option(timeouts);
+  ws_.set_option(deflate_options());
+  ws_.set_option(websocket::stream_base::decorator(
+      [](websocket::response_type& response) { response.set(beast::http::field::server, "ZEL"); }));
+  ws_.read_message_max(limits.websocket_message_max);
+  ws_.async_accept(request, beast::bind_front_handler(&WebsocketSession::on_accept, shared_from_this()));
+}
+
+void WebsocketSession::on_accept(beast::error_code ec) {
+  if (ec) {
+    if (!is_disconnect(ec)) ZEL_ERROR("WebSocket upgrade failed: {}", ec.message());
+    return;
+  }
+  trigger_->set_wake([weak = weak_from_this(), executor = ws_.get_executor()] {
+    net::post(executor, [weak] {
+      if (auto self = weak.lock()) self->on_wake();
+    });
+  });
+  registration_ = shared_->websocket_opened(trigger_);
+  do_read();
+}
+
+void WebsocketSession::do_read() {
+  ws_.async_read(buffer_, beast::bind_front_handler(&WebsocketSession::on_read, shared_from_this()));
+}
+
+void WebsocketSession::on_read(beast::error_code ec, size_t) {
+  if (ec == websocket::error::message_too_big) {
+    ZEL_ERROR("WebSocket message of more than {} bytes refused; connection closed",
+              shared_->limits().websocket_message_max);
+    return end();
+  }
+  if (ec) {
+    if (!is_disconnect(ec)) ZEL_ERROR("WebSocket read failed: {}", ec.message());
+    return end();
+  }
+  auto data = buffer_.cdata();
+  protocol_.handle_message(std::string_view(static_cast<const char*>(data.data()), data.size()));
+  buffer_.consume(buffer_.size());
+  do_read();
+}
+
+void WebsocketSession::on_wake() {
+  if (ended_) return;
+  if (writing_) {
+    push_wanted_ = true;
+    return;
+  }
+  if (timer_armed_) return;
+  auto due = last_push_ + shared_->limits().push_interval;
+  if (std::chrono::steady_clock::now() >= due) return push();
+  timer_armed_ = true;
+  push_timer_.expires_at(due);
+  push_timer_.async_wait(beast::bind_front_handler(&WebsocketSession::on_push_timer, shared_from_this()));
+}
+
+void WebsocketSession::on_push_timer(beast::error_code ec) {
+  timer_armed_ = false;
+  if (ec || ended_) return;
+  push();
+}
+
+void WebsocketSession::push() {
+  push_wanted_ = false;
+  auto pass = protocol_.write_push(out_);
+  // Subscriptions the pass did not reach are visited by the next one.
+  if (!pass.complete) push_wanted_ = true;
+  if (!pass.wrote) {
+    if (push_wanted_) net::post(ws_.get_executor(), beast::bind_front_handler(&WebsocketSession::on_wake, shared_from_this()));
+    return;
+  }
+  writing_ = true;
+  last_push_ = std::chrono::steady_clock::now();
+  ws_.text(true);
+  ws_.async_write(net::buffer(out_), beast::bind_front_handler(&WebsocketSession::on_write, shared_from_this()));
+}
+
+void WebsocketSession::on_write(beast::error_code ec, size_t) {
+  writing_ = false;
+  if (ec) {
+    if (!is_disconnect(ec)) ZEL_ERROR("write {}", ec.message());
+    return end();
+  }
+  if (push_wanted_) on_wake();
+}
+
+void WebsocketSession::end() {
+  ended_ = true;
+  trigger_->cut();
+  push_timer_.cancel();
+}

@@ -1,0 +1,197 @@
+// The operator page in Debian's Chromium against the real program: it loads,
+// shows live values, sets values and says why a set is refused, presses
+// buttons after asking, and colours the interlock overview.
+import assert from "node:assert/strict";
+import { spawn } from "node:child_process";
+import { cpSync, mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
+import { tmpdir } from "node:os";
+import { join } from "node:path";
+import { after, before, test } from "node:test";
+
+import { chromium } from "playwright-core";
+
+const BINARY = process.env.ZEL_BINARY;
+const WEB_DIR = process.env.ZEL_WEB_DIR;
+const ARTIFACTS = process.env.ZEL_ARTIFACTS;
+
+const CONFIG = `<root label="Browser Test Rig">
+  <pulse rate="5"/>
+  <web_server type="web_server"/>
+  <channels type="component" label="Channels" detail="Channels of the test rig.">
+    <temperature type="analog_io" label="Temperature" units="degC" value="21.5"/>
+    <pump type="digital_io" label="Vacuum pump" value="false"/>
+    <operator type="string_io" label="Operator" value="nobody"/>
+    <gauge type="analog_io" label="Gauge" units="mbar" readonly="true" value="1"/>
+  </channels>
+  <gen type="signal_generator" label="Test signal" enabled="false"/>
+  <interlocks><door type="digital_io" label="Door closed" color="green" value="true"/></interlocks>
+</root>`;
+
+let dataRoot, profile, zel, base, browser, page;
+
+function startZel() {
+  return new Promise((resolve, reject) => {
+    const child = spawn(BINARY, ["--config", join(dataRoot, "rig.xml"), "--data-root", dataRoot, "--pid-file",
+      join(dataRoot, "zel.pid"), "--io-mount", "none", "--port", "0"], { stdio: ["ignore", "ignore", "pipe"] });
+    let seen = "";
+    const timer = setTimeout(() => reject(new Error(`no port in the log:\n${seen}`)), 20000);
+    child.stderr.on("data", (chunk) => {
+      seen += chunk;
+      const found = /Web server listening on port (\d+)/.exec(seen);
+      if (found) {
+        clearTimeout(timer);
+        resolve({ child, port: Number(found[1]) });
+      }
+    });
+    child.on("exit", (code) => reject(new Error(`zel exited with ${code}:\n${seen}`)));
+  });
+}
+
+async function read(path) {
+  const response = await fetch(`${base}/io/${path}.json`);
+  return JSON.parse(await response.text());
+}
+
+async function put(path, text) {
+  const response = await fetch(`${base}/io/${path}`, { method: "PUT", body: text });
+  assert.equal(await response.text(), '{"status":"success"}');
+}
+
+// Waits until `read(path)` gives `expected`.
+async function treeHas(path, expected, timeout = 5000) {
+  const deadline = Date.now() + timeout;
+  let value;
+  while (Date.now() < deadline) {
+    value = await read(path);
+    if (JSON.stringify(value) === JSON.stringify(expected)) return;
+    await new Promise((r) => setTimeout(r, 50));
+  }
+  assert.deepEqual(value, expected, `${path} in the tree`);
+}
+
+const valueOf = (path) => page.locator(`.value[data-path="${path}"]`).first();
+const rowOf = (path) => page.locator(`.row[data-path="${path}"]`);
+
+async function shows(locator, text) {
+  await locator.filter({ hasText: text }).first().waitFor({ timeout: 5000 });
+}
+
+before(async () => {
+  dataRoot = mkdtempSync(join(tmpdir(), "zel-page-"));
+  profile = mkdtempSync(join(tmpdir(), "zel-chromium-"));
+  cpSync(WEB_DIR, join(dataRoot, "web"), { recursive: true });
+  writeFileSync(join(dataRoot, "rig.xml"), CONFIG);
+  const started = await startZel();
+  zel = started.child;
+  base = `http://127.0.0.1:${started.port}`;
+  browser = await chromium.launchPersistentContext(profile, {
+    executablePath: "/usr/bin/chromium",
+    headless: true,
+    viewport: { width: 1400, height: 900 },
+    args: ["--no-sandbox", "--disable-gpu", "--disable-background-networking", "--disable-component-update",
+      "--no-first-run", "--disable-sync"],
+  });
+  page = browser.pages()[0] ?? (await browser.newPage());
+  page.setDefaultTimeout(10000);
+  page.on("pageerror", (error) => console.error("page error:", error.message));
+});
+
+after(async () => {
+  if (page && ARTIFACTS) {
+    mkdirSync(ARTIFACTS, { recursive: true });
+    await page.goto(`${base}/#/channels`);
+    await valueOf("channels/temperature/value").waitFor();
+    await page.screenshot({ path: join(ARTIFACTS, "page.png") });
+  }
+  await browser?.close();
+  if (zel && zel.exitCode === null) {
+    const exited = new Promise((resolve) => zel.once("exit", resolve));
+    zel.kill("SIGTERM");
+    await exited;
+  }
+  rmSync(dataRoot, { recursive: true, force: true });
+  rmSync(profile, { recursive: true, force: true });
+});
+
+test("the page loads and shows the instrument live", async () => {
+  await page.goto(`${base}/`);
+  await page.locator("#connection.live").waitFor();
+  assert.equal(await page.locator("#instrument").textContent(), "Browser Test Rig");
+  await page.locator('.tree-link[href="#/channels"]').click();
+  await shows(page.locator("h1"), "Channels");
+  await shows(valueOf("channels/temperature/value"), "21.5");
+});
+
+test("a value changed through the API shows on the page at once", async () => {
+  await page.goto(`${base}/#/channels`);
+  await shows(valueOf("channels/temperature/value"), "21.5");
+  await put("channels/temperature", "37.25");
+  await shows(valueOf("channels/temperature/value"), "37.25");
+  await put("channels/pump", "true");
+  await shows(valueOf("channels/pump/value"), "true");
+  assert.equal(await rowOf("channels/pump/value").locator("input[type=checkbox]").isChecked(), true);
+});
+
+test("values set on the page reach the tree", async () => {
+  await page.goto(`${base}/#/channels`);
+  const operator = rowOf("channels/operator/value").locator("input");
+  await operator.fill("Alice Operator");
+  await operator.press("Enter");
+  await treeHas("channels/operator/value", "Alice Operator");
+  await shows(valueOf("channels/operator/value"), "Alice Operator");
+
+  const temperature = rowOf("channels/temperature/value");
+  await temperature.locator("input").fill("-12.5");
+  await temperature.locator("button.set").click();
+  await treeHas("channels/temperature/value", -12.5);
+
+  await rowOf("channels/pump/value").locator(".slider").click();
+  await treeHas("channels/pump/value", false);
+  assert.equal(await rowOf("channels/gauge/value").locator("input").count(), 0, "a read-only value has no editor");
+});
+
+test("a refused set tells the operator why and changes nothing", async () => {
+  await page.goto(`${base}/#/channels`);
+  const before = await read("channels/temperature/value");
+  const row = rowOf("channels/temperature/value");
+  await row.locator("input").fill("warm");
+  await row.locator("button.set").click();
+  await shows(row.locator(".row-error"), "cannot take 'warm'");
+  await shows(page.locator(".toast"), "Not set");
+  assert.deepEqual(await read("channels/temperature/value"), before);
+  await shows(page.locator(".log-record.error"), "Web client set refused");
+});
+
+test("a button asks for confirmation and only then acts", async () => {
+  await page.goto(`${base}/#/gen`);
+  const restart = page.locator('button[data-path="gen/restart_button"]');
+  await restart.click();
+  const dialog = page.locator("#confirm-dialog");
+  await shows(dialog, "Restart the test signal from zero?");
+  await dialog.locator('button[value="cancel"]').click();
+  await new Promise((r) => setTimeout(r, 300));
+  assert.equal(await read("gen/restarts"), 0, "cancelled: nothing happened");
+
+  await restart.click();
+  await dialog.locator('button[value="ok"]').click();
+  await treeHas("gen/restarts", 1);
+  await shows(valueOf("gen/restarts"), "1");
+});
+
+test("the interlock overview follows each interlock's colour", async () => {
+  await page.goto(`${base}/#/`);
+  const tile = page.locator('.tile[data-path="interlocks/door"]');
+  await shows(tile, "OK");
+  await shows(page.locator("#interlock-summary"), "Interlocks: OK");
+  // Colours are the interlocks' own business; a WebSocket set stands in here.
+  await page.evaluate(() => new Promise((resolve) => {
+    const socket = new WebSocket(`ws://${location.host}/`);
+    socket.onopen = () => {
+      socket.send(JSON.stringify({ event: "set", data: { "interlocks/door/color": "red" } }));
+      setTimeout(() => { socket.close(); resolve(); }, 100);
+    };
+  }));
+  await shows(tile, "TRIPPED");
+  await shows(page.locator("#interlock-summary"), "Interlocks: TRIPPED");
+  assert.equal(await tile.getAttribute("data-color"), "red");
+});

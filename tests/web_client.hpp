@@ -1,0 +1,149 @@
+#pragma once
+// A small Boost.Beast client for tests and benchmarks of the web server: plain
+// HTTP exchanges and WebSocket sessions, always on 127.0.0.1.
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/write.hpp>
+#include <boost/beast/core/buffers_to_string.hpp>
+#include <boost/beast/core/flat_buffer.hpp>
+#include <boost/beast/http/read.hpp>
+#include <boost/beast/http/string_body.hpp>
+#include <boost/beast/http/write.hpp>
+#include <boost/beast/websocket/stream.hpp>
+
+namespace web_client {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace websocket = beast::websocket;
+namespace net = boost::asio;
+using tcp = net::ip::tcp;
+using std::chrono::milliseconds;
+
+inline tcp::endpoint local(uint16_t port) { return {net::ip::make_address("127.0.0.1"), port}; }
+
+struct Reply {
+  unsigned status = 0;
+  std::string body;
+  std::string content_type;
+  std::string cache_control;
+  std::string error;  // X-Zel-Error
+};
+
+// One request on a fresh connection.
+inline Reply request(uint16_t port, http::verb method, const std::string& target, const std::string& body = {}) {
+  net::io_context io;
+  tcp::socket socket(io);
+  socket.connect(local(port));
+  http::request<http::string_body> req{method, target, 11};
+  req.set(http::field::host, "127.0.0.1");
+  req.body() = body;
+  req.prepare_payload();
+  http::write(socket, req);
+  beast::flat_buffer buffer;
+  http::response_parser<http::string_body> parser;
+  parser.skip(method == http::verb::head);
+  http::read(socket, buffer, parser);
+  auto& res = parser.get();
+  return {res.result_int(), res.body(), std::string(res[http::field::content_type]),
+          std::string(res[http::field::cache_control]), std::string(res["X-Zel-Error"])};
+}
+
+inline Reply get(uint16_t port, const std::string& target) { return request(port, http::verb::get, target); }
+
+// Sends raw bytes and collects what the server answers until it closes the
+// connection or `timeout` passes.
+inline std::string raw_exchange(uint16_t port, const std::string& bytes, milliseconds timeout = milliseconds(3000)) {
+  net::io_context io;
+  tcp::socket socket(io);
+  socket.connect(local(port));
+  net::write(socket, net::buffer(bytes));
+  std::string answer;
+  char chunk[4096];
+  bool done = false;
+  std::function<void()> read_more = [&] {
+    socket.async_read_some(net::buffer(chunk), [&](beast::error_code ec, size_t n) {
+      answer.append(chunk, n);
+      if (ec) done = true;
+      else read_more();
+    });
+  };
+  read_more();
+  io.run_for(timeout);
+  return answer;
+}
+
+class WebSocketClient {
+ public:
+  // Connects and completes the upgrade; offers permessage-deflate when asked.
+  WebSocketClient(net::io_context& io, uint16_t port, bool deflate = true, int receive_buffer = 0)
+      : io_(io), ws_(io) {
+    auto& socket = ws_.next_layer();
+    socket.open(tcp::v4());
+    if (receive_buffer) socket.set_option(net::socket_base::receive_buffer_size(receive_buffer));
+    socket.connect(local(port));
+    if (deflate) {
+      websocket::permessage_deflate options;
+      options.client_enable = true;
+      ws_.set_option(options);
+    }
+    ws_.read_message_max(64u << 20);
+    ws_.handshake("127.0.0.1", "/");
+  }
+
+  void send(const std::string& text) {
+    ws_.text(true);
+    ws_.write(net::buffer(text));
+  }
+
+  // The next message, or nothing when none came within `timeout` (the
+  // connection is then of no further use) or the server closed it.
+  std::optional<std::string> receive(milliseconds timeout) {
+    std::optional<std::string> message;
+    bool done = false;
+    ws_.async_read(buffer_, [&](beast::error_code ec, size_t) {
+      done = true;
+      last_error_ = ec;
+      if (!ec) message = beast::buffers_to_string(buffer_.data());
+      buffer_.consume(buffer_.size());
+    });
+    io_.restart();
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!done && io_.run_one_until(deadline)) {
+    }
+    if (!done) {
+      beast::error_code ec;
+      ws_.next_layer().cancel(ec);
+      io_.restart();
+      while (!done) io_.run_one();
+    }
+    return message;
+  }
+
+  // Messages until one contains `text`; nothing when none does in time.
+  std::optional<std::string> receive_containing(const std::string& text, milliseconds timeout) {
+    auto deadline = std::chrono::steady_clock::now() + timeout;
+    for (;;) {
+      auto left = std::chrono::duration_cast<milliseconds>(deadline - std::chrono::steady_clock::now());
+      if (left.count() <= 0) return std::nullopt;
+      auto message = receive(left);
+      if (!message) return std::nullopt;
+      if (message->find(text) != std::string::npos) return message;
+    }
+  }
+
+  beast::error_code last_error() const { return last_error_; }
+  websocket::stream<tcp::socket>& stream() { return ws_; }
+
+ private:
+  net::io_context& io_;
+  websocket::stream<tcp::socket> ws_;
+  beast::flat_buffer buffer_;
+  beast::error_code last_error_;
+};
+
+}  // namespace web_client

@@ -1,0 +1,32 @@
+// The server's HTTP API: tree descriptions, sets, the interlock overview and
+// the log.
+
+const encodePath = (path) => path.split("/").filter(Boolean).map(encodeURIComponent).join("/");
+
+async function getJson(url) {
+  const response = await fetch(url, { cache: "no-store" });
+  if (!response.ok) throw new Error(`${url}: ${response.status} ${response.statusText}`);
+  return response.json();
+}
+
+export function describe(path, depth = 1) {
+  const where = path ? `/${encodePath(path)}` : "";
+  return getJson(`/api/tree${where}?depth=${depth}`);
+}
+
+export const interlocks = () => getJson("/api/interlocks");
+
+export const logAfter = (sequence, limit = 200) => getJson(`/api/log?after=${sequence}&limit=${limit}`);
+
+// Sets a field from its value text. Resolves {ok, error}; error is the
+// server's reason in words for the operator.
+export async function setField(path, text) {
+  try {
+    const response = await fetch(`/io/${encodePath(path)}`, { method: "PUT", body: text });
+    const body = await response.json().catch(() => ({}));
+    if (response.ok && body.status === "success") return { ok: true };
+    return { ok: false, error: response.headers.get("X-Zel-Error") || `The server refused (${response.status}).` };
+  } catch (error) {
+    return { ok: false, error: `No answer from the instrument: ${error.message}` };
+  }
+}

@@ -1,0 +1,134 @@
+// Rows of live values with their editors, and buttons.
+import * as api from "./api.js";
+import { h, humanize, title } from "./dom.js";
+import { formatValue, stampTime, valueText } from "./format.js";
+import { confirmAction, toast } from "./notices.js";
+
+const NUMERIC = new Set(["double", "float", "int", "uint8", "uint16", "uint32", "uint64"]);
+
+// Shows a value and makes it flash when it changes.
+export function liveValue(field, live, extraClass = "") {
+  const text = h("span", { class: `value ${extraClass}`, dataset: { path: field.path } });
+  const time = h("span", { class: "time", title: "last change" }, stampTime(field.stamp));
+  let last = field.value;
+  const show = (value) => {
+    const choice = field.choices?.find((c) => c.value === value);
+    const shown = choice ? choice.label || choice.value : formatValue(value, field.type);
+    text.textContent = shown;
+    text.classList.toggle("long", shown.length > 24);
+  };
+  show(field.value);
+  const stop = live.watch(field.path, (value, stamp) => {
+    show(value);
+    text.classList.toggle("is-true", value === true);
+    text.classList.toggle("is-false", value === false);
+    time.textContent = stampTime(stamp);
+    if (JSON.stringify(value) !== JSON.stringify(last)) {
+      text.classList.remove("changed");
+      void text.offsetWidth;  // restarts the flash
+      text.classList.add("changed");
+    }
+    last = value;
+  });
+  text.classList.toggle("is-true", field.value === true);
+  text.classList.toggle("is-false", field.value === false);
+  return { text, time, stop };
+}
+
+async function applySet(field, text, row) {
+  const error = row.querySelector(".row-error");
+  const result = await api.setField(field.path, text);
+  row.classList.toggle("refused", !result.ok);
+  error.hidden = result.ok;
+  error.textContent = result.ok ? "" : result.error;
+  if (!result.ok) toast(`Not set: ${result.error}`);
+  else {
+    row.classList.add("accepted");
+    setTimeout(() => row.classList.remove("accepted"), 900);
+  }
+  return result.ok;
+}
+
+function editorFor(field, row, live) {
+  if (field.readonly) return { element: h("span", { class: "readonly-note", title: "Set by the instrument" }, "read-only") };
+  if (field.type === "bool") {
+    const box = h("input", { type: "checkbox", "aria-label": `Set ${title(field)}` });
+    box.checked = field.value === true;
+    box.addEventListener("change", async () => {
+      const wanted = box.checked;
+      if (!(await applySet(field, wanted ? "true" : "false", row))) box.checked = !wanted;
+    });
+    const stop = live.watch(field.path, (value) => (box.checked = value === true));
+    return { element: h("label", { class: "switch" }, box, h("span", { class: "slider" })), stop };
+  }
+  if (field.choices?.length) {
+    const select = h("select", { "aria-label": `Choose ${title(field)}` },
+      field.choices.map((c) => h("option", { value: c.value }, c.label || c.value)));
+    select.value = field.value;
+    select.addEventListener("change", async () => {
+      if (!(await applySet(field, JSON.stringify(select.value), row))) select.value = field.value;
+    });
+    const stop = live.watch(field.path, (value) => {
+      field.value = value;
+      if (document.activeElement !== select) select.value = value;
+    });
+    return { element: h("span", { class: "editor" }, select), stop };
+  }
+  const numeric = NUMERIC.has(field.type);
+  const input = h("input", {
+    type: "text",
+    class: numeric ? "number" : "text",
+    inputmode: numeric ? "decimal" : undefined,
+    placeholder: numeric ? "new value" : "new text",
+    "aria-label": `New value for ${title(field)}`,
+    spellcheck: "false",
+  });
+  const submit = async () => {
+    if (input.value.trim() === "") return;
+    const text = field.type === "string" ? JSON.stringify(input.value) : input.value.trim();
+    if (await applySet(field, text, row)) input.value = "";
+  };
+  input.addEventListener("keydown", (event) => {
+    if (event.key === "Enter") submit();
+    if (event.key === "Escape") input.value = "";
+  });
+  const units = field.units ? h("span", { class: "units" }, field.units) : null;
+  const set = h("button", { type: "button", class: "set", onclick: submit }, "Set");
+  return { element: h("span", { class: "editor" }, input, units, set) };
+}
+
+// One row: label, live value with units, editor, time of the last change,
+// and room for the reason when a set is refused.
+export function fieldRow(field, live, { label, link } = {}) {
+  const shown = liveValue(field, live);
+  const row = h("div", { class: "row", dataset: { path: field.path } });
+  const editor = editorFor(field, row, live);
+  const name = link ? h("a", { href: `#/${link}`, class: "label" }, label ?? title(field)) : h("span", { class: "label" }, label ?? title(field));
+  row.append(
+    h("div", { class: "row-label" }, name, field.detail ? h("span", { class: "detail" }, field.detail) : null),
+    h("div", { class: "row-value" }, shown.text, field.units ? h("span", { class: "units" }, field.units) : null),
+    h("div", { class: "row-editor" }, editor.element),
+    h("div", { class: "row-time" }, shown.time),
+    h("div", { class: "row-error", role: "alert", hidden: true }),
+  );
+  const stops = [shown.stop, editor.stop].filter(Boolean);
+  return { element: row, stop: () => stops.forEach((stop) => stop()) };
+}
+
+// A button field. Asks first when the button or its node wants confirmation.
+export function actionButton(button, node) {
+  const label = button.label || humanize(button.name);
+  const element = h("button", { type: "button", class: "action", dataset: { path: button.path } }, label);
+  element.addEventListener("click", async () => {
+    if (button.confirm) {
+      const question = node?.confirm && node.confirm !== "true" ? node.confirm : `Press “${label}” on ${title(node ?? {})}?`;
+      if (!(await confirmAction(label, question, label))) return;
+    }
+    element.disabled = true;
+    const result = await api.setField(button.path, "true");
+    element.disabled = false;
+    if (result.ok) toast(`${label}: done`, "info");
+    else toast(`${label} refused: ${result.error}`);
+  });
+  return element;
+}
