@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/io/interlock_manager.hpp"
 #include "core/io/io.hpp"
 #include "core/node.hpp"
 #include "web/field_access.hpp"
@@ -121,6 +122,10 @@ void for_each_node(const Vertex& vertex, F&& f) {
 // state) is no interlock and must not raise an alarm here.
 bool shows_in_interlock_overview(const Node& node, const Vertex* manager) {
   if (node.hidden() || &node == manager) return false;
+  // The manager's own summary is shown as the manager's state, not as a lock.
+  if (auto* interlock_manager = dynamic_cast<const InterlockManager*>(manager);
+      interlock_manager && &node == &interlock_manager->summary())
+    return false;
   auto type = node.type();
   if (type.find("Interlock") != std::string::npos || type.find("Permit") != std::string::npos) return true;
   if (!manager || !node.attribute_field("color")) return false;
