@@ -73,3 +73,23 @@ TEST(ValueText, VectorsRefuseElementsOfTheWrongType) {
   EXPECT_FALSE(x2x::from_json("{}", v));
   EXPECT_EQ(v, std::vector<double>{1});
 }
+
+// Writing a parsed value back out recurses once per level: a few hundred
+// kilobytes of "[" used to overflow the stack.
+TEST(ValueText, ArraysNestedBeyondTheLimitAreRefusedNotRecursedInto) {
+  const size_t deep = 100000;
+  std::string text = std::string(deep, '[') + std::string(deep, ']');
+  std::vector<double> numbers{1};
+  std::vector<std::string> texts{"kept"};
+  EXPECT_FALSE(x2x::from_json(text, numbers));
+  EXPECT_FALSE(x2x::from_json(text, texts));
+  EXPECT_EQ(numbers, std::vector<double>{1});
+  EXPECT_EQ(texts, std::vector<std::string>{"kept"});
+
+  EXPECT_TRUE(x2x::json_depth_within(std::string(x2x::kMaxJsonDepth, '{')));
+  EXPECT_FALSE(x2x::json_depth_within(std::string(x2x::kMaxJsonDepth + 1, '{')));
+  // Brackets inside strings, escaped quotes included, are text.
+  EXPECT_TRUE(x2x::json_depth_within("[\"" + std::string(deep, '[') + "\\\"" + std::string(deep, '{') + "\"]"));
+  EXPECT_TRUE(x2x::from_json(R"(["[[[","\"{{"])", texts));
+  EXPECT_EQ(texts, (std::vector<std::string>{"[[[", "\"{{"}));
+}

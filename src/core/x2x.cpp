@@ -244,7 +244,27 @@ bool from_json(std::string_view text, std::string& out) {
   return true;
 }
 
+bool json_depth_within(std::string_view text, size_t limit) {
+  size_t depth = 0;
+  bool in_string = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (in_string) {
+      if (c == '\\') ++i;
+      else if (c == '"') in_string = false;
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return false;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return true;
+}
+
 bool split_array(std::string_view text, std::vector<std::string>& elements) {
+  if (!json_depth_within(text)) return false;
   auto parsed = nlohmann::json::parse(trim(text), nullptr, false);
   if (parsed.is_discarded() || !parsed.is_array()) return false;
   elements.clear();
