@@ -10,7 +10,17 @@ packages=(
   libfuse3-dev fuse3
   libgtest-dev libgmock-dev libbenchmark-dev
 )
-packages+=("$@")
+# The quality gates' own tools, installed when a gate asks by name
+# (scripts/setup.sh fuzz, scripts/setup.sh armhf); other arguments are package names.
+gate_fuzz=(clang-14 libclang-rt-14-dev)
+gate_armhf=(g++-arm-linux-gnueabihf qemu-user-static)
+for arg in "$@"; do
+  case "$arg" in
+    fuzz) packages+=("${gate_fuzz[@]}") ;;
+    armhf) packages+=("${gate_armhf[@]}") ;;
+    *) packages+=("$arg") ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do
