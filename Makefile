@@ -6,7 +6,7 @@ CONFIG     ?= examples/demo.xml
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc)
 
-.PHONY: all setup build run test bench install clean
+.PHONY: all setup build run test bench install clean test-asan test-tsan fuzz test-armhf
 
 all: build
 
@@ -39,3 +39,19 @@ install: build
 
 clean:
 	rm -rf $(BUILD)
+
+# Quality gates (README, "Quality gates"): each builds in a folder of its own.
+test-asan: setup
+	JOBS=$(JOBS) scripts/test-sanitized.sh address,undefined build-asan
+
+test-tsan: setup
+	JOBS=$(JOBS) scripts/test-sanitized.sh thread build-tsan
+
+# The gate's own tools; if they cannot be installed, the gate says what is missing.
+fuzz:
+	-@scripts/setup.sh fuzz
+	JOBS=$(JOBS) scripts/fuzz.sh
+
+test-armhf:
+	-@scripts/setup.sh armhf
+	JOBS=$(JOBS) scripts/test-armhf.sh

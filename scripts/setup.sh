@@ -12,7 +12,17 @@ packages=(
   python3-numpy  # the independent reference of the calibration fit test
   chromium nodejs npm  # the browser tests
 )
-packages+=("$@")
+# The quality gates' own tools, installed when a gate asks by name
+# (scripts/setup.sh fuzz, scripts/setup.sh armhf); other arguments are package names.
+gate_fuzz=(clang-14 libclang-rt-14-dev)
+gate_armhf=(g++-arm-linux-gnueabihf qemu-user-static)
+for arg in "$@"; do
+  case "$arg" in
+    fuzz) packages+=("${gate_fuzz[@]}") ;;
+    armhf) packages+=("${gate_armhf[@]}") ;;
+    *) packages+=("$arg") ;;
+  esac
+done
 
 missing=()
 for p in "${packages[@]}"; do

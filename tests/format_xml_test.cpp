@@ -45,3 +45,24 @@ TEST(FormatXML, SettingsConvertOrNameTheirElementKeyAndText) {
     EXPECT_STREQ(e.what(), "Setting 'limit' of 'x' can't be read as double: 'ten'");
   }
 }
+
+// The tree is built by recursion and keeps each element's whole path: a
+// document nested thousands deep would take the stack or quadratic memory.
+TEST(FormatXML, ElementsNestedBeyondTheLimitAreAParseErrorNamingTheFirstTooDeep) {
+  auto nested = [](int depth) {
+    std::string text = "<root>\n";
+    for (int i = 0; i < depth; ++i) text += "<a>\n";
+    for (int i = 0; i < depth; ++i) text += "</a>";
+    return text + "</root>";
+  };
+  EXPECT_TRUE(FormatXML::instance().parse(nested(64)));
+  LogCapture log;
+  EXPECT_FALSE(FormatXML::instance().parse(nested(65)));
+  EXPECT_EQ(FormatXML::instance().build(nested(200000)), nullptr);
+  auto entries = log.entries();
+  ASSERT_EQ(entries.size(), 2u);
+  // The 65th <a> has its name at offset 7 + 64 * 4 + 1; the line printed is
+  // found by the same rule as for any parse error.
+  EXPECT_TRUE(entries[0].text.starts_with("Error: XML parse Elements nested too deep line:264 '"));
+  EXPECT_EQ(entries[1].text, "Error: XML parse Elements nested too deep line:264 '<a>'");
+}

@@ -73,3 +73,39 @@ TEST(ValueText, VectorsRefuseElementsOfTheWrongType) {
   EXPECT_FALSE(x2x::from_json("{}", v));
   EXPECT_EQ(v, std::vector<double>{1});
 }
+
+// Writing a parsed value back out recurses once per level: a few hundred
+// kilobytes of "[" used to overflow the stack.
+TEST(ValueText, ArraysNestedBeyondTheLimitAreRefusedNotRecursedInto) {
+  const size_t deep = 100000;
+  std::string text = std::string(deep, '[') + std::string(deep, ']');
+  std::vector<double> numbers{1};
+  std::vector<std::string> texts{"kept"};
+  EXPECT_FALSE(x2x::from_json(text, numbers));
+  EXPECT_FALSE(x2x::from_json(text, texts));
+  EXPECT_EQ(numbers, std::vector<double>{1});
+  EXPECT_EQ(texts, std::vector<std::string>{"kept"});
+
+  EXPECT_TRUE(x2x::json_depth_within(std::string(x2x::kMaxJsonDepth, '{')));
+  EXPECT_FALSE(x2x::json_depth_within(std::string(x2x::kMaxJsonDepth + 1, '{')));
+  // Brackets inside strings, escaped quotes included, are text.
+  EXPECT_TRUE(x2x::json_depth_within("[\"" + std::string(deep, '[') + "\\\"" + std::string(deep, '{') + "\"]"));
+  EXPECT_TRUE(x2x::from_json(R"(["[[[","\"{{"])", texts));
+  EXPECT_EQ(texts, (std::vector<std::string>{"[[[", "\"{{"}));
+}
+
+// Found by fuzzing: elements used to be read from nlohmann's re-written text,
+// which turns "-0" into "0"; a vector's text must read back to the same vector.
+TEST(ValueText, VectorElementsReadFromTheirOwnTextSoNegativeZeroKeepsItsSign) {
+  std::vector<double> values;
+  ASSERT_TRUE(x2x::from_json(" [ -0 , 0.5 ,-2e-300]\n", values));
+  ASSERT_EQ(values.size(), 3u);
+  EXPECT_TRUE(std::signbit(values[0]));
+  EXPECT_EQ(x2x::to_json(values), "[-0,0.5,-2e-300]");
+  // Every element obeys the rules of its own type, as a single value would.
+  EXPECT_FALSE(x2x::from_json("[1e400]", values));
+  EXPECT_FALSE(x2x::from_json(std::string("[1]\0[2]", 7), values));
+  std::vector<std::string> texts;
+  ASSERT_TRUE(x2x::from_json(R"(["a,b" , "\u00e9\"]"])", texts));
+  EXPECT_EQ(texts, (std::vector<std::string>{"a,b", "\xC3\xA9\"]"}));
+}

@@ -80,7 +80,17 @@ bool from_json(std::string_view text, T& out) {
   return true;
 }
 
-// Splits a JSON array into the texts of its elements; false if `text` is not one.
+// The deepest nesting of arrays and objects taken from outside. Writing a
+// parsed JSON value back out recurses once per level, so a text of a few
+// hundred kilobytes of "[" would overflow the stack; no value or tree of this
+// system comes near this depth.
+inline constexpr size_t kMaxJsonDepth = 128;
+// Whether the arrays and objects of a JSON text nest no deeper than `limit`
+// (brackets inside strings do not count); one pass, no parse.
+bool json_depth_within(std::string_view text, size_t limit = kMaxJsonDepth);
+
+// Splits a JSON array into the texts of its elements; false if `text` is not
+// one or nests deeper than kMaxJsonDepth.
 bool split_array(std::string_view text, std::vector<std::string>& elements);
 
 template <class T>

@@ -145,7 +145,8 @@ void Context::cancel_all() {
   }
   for (auto& [id, p] : timers) {
     p->cancelled = true;
-    boost::asio::post(impl_->io, [p] { p->timer.cancel(); });
+    // An init-capture: clang before 16 cannot capture a structured binding.
+    boost::asio::post(impl_->io, [p = p] { p->timer.cancel(); });
   }
 }
 

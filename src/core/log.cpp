@@ -4,7 +4,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <ctime>
 #include <mutex>
 #include <vector>
 
@@ -41,12 +40,17 @@ std::string_view to_string(LogLevel level) {
 }
 
 std::string Log::format_line(const LogRecord& r) {
-  auto seconds = static_cast<std::time_t>(r.stamp / 1000000000ULL);
-  std::tm tm{};
-  gmtime_r(&seconds, &tm);
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z {} {}:{} {}", tm.tm_year + 1900,
-                     tm.tm_mon + 1, tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec,
-                     (r.stamp / 1000000ULL) % 1000, to_string(r.level), r.source, r.line, r.text);
+  // Calendar arithmetic on 64-bit durations: time_t and gmtime_r end in 2038
+  // on 32-bit boards.
+  using namespace std::chrono;
+  sys_time<milliseconds> time{milliseconds(static_cast<int64_t>(r.stamp / 1000000ULL))};
+  auto day = floor<days>(time);
+  year_month_day date{day};
+  hh_mm_ss clock{time - day};
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z {} {}:{} {}", static_cast<int>(date.year()),
+                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), clock.hours().count(),
+                     clock.minutes().count(), clock.seconds().count(), clock.subseconds().count(),
+                     to_string(r.level), r.source, r.line, r.text);
 }
 
 void Log::write(LogLevel level, std::string_view source, int line, std::string text) {

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "core/log.hpp"
+#include "core/x2x.hpp"
 
 namespace {
 // Below this many children a linear scan beats hashing.
@@ -85,6 +86,10 @@ std::string Vertex::json() const {
 }
 
 bool Vertex::read_json(std::string_view text) {
+  if (!x2x::json_depth_within(text)) {
+    ZEL_ERROR("Malformed JSON object for '{}'", path());
+    return false;
+  }
   auto parsed = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
   // A NUL after the text (as a file write delivers it) is not part of the JSON.
   if (parsed.is_discarded()) {

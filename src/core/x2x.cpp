@@ -244,12 +244,64 @@ bool from_json(std::string_view text, std::string& out) {
   return true;
 }
 
+bool json_depth_within(std::string_view text, size_t limit) {
+  size_t depth = 0;
+  bool in_string = false;
+  for (size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (in_string) {
+      if (c == '\\') ++i;
+      else if (c == '"') in_string = false;
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      if (++depth > limit) return false;
+    } else if ((c == ']' || c == '}') && depth > 0) {
+      --depth;
+    }
+  }
+  return true;
+}
+
 bool split_array(std::string_view text, std::vector<std::string>& elements) {
-  auto parsed = nlohmann::json::parse(trim(text), nullptr, false);
+  text = trim(text);
+  // nlohmann ends its input at a NUL; what follows one would go unread.
+  if (text.find('\0') != std::string_view::npos || !json_depth_within(text)) return false;
+  auto parsed = nlohmann::json::parse(text, nullptr, false);
   if (parsed.is_discarded() || !parsed.is_array()) return false;
+  // The elements' own texts, cut at the commas of the top level, so that each
+  // reads by the value text rules: an element written anew by nlohmann would
+  // lose what it does not keep, such as the sign of -0.
   elements.clear();
   elements.reserve(parsed.size());
-  for (const auto& element : parsed) elements.push_back(element.dump());
+  if (parsed.empty()) return true;
+  auto element = [&](size_t begin, size_t end) {
+    auto part = text.substr(begin, end - begin);
+    while (is_space(part.front())) part.remove_prefix(1);
+    while (is_space(part.back())) part.remove_suffix(1);
+    elements.emplace_back(part);
+  };
+  size_t depth = 0;
+  bool in_string = false;
+  size_t begin = 1;
+  const size_t last = text.size() - 1;  // the closing ']'
+  for (size_t i = 1; i < last; ++i) {
+    char c = text[i];
+    if (in_string) {
+      if (c == '\\') ++i;
+      else if (c == '"') in_string = false;
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      ++depth;
+    } else if (c == ']' || c == '}') {
+      --depth;
+    } else if (c == ',' && depth == 0) {
+      element(begin, i);
+      begin = i + 1;
+    }
+  }
+  element(begin, last);
   return true;
 }
 

@@ -39,6 +39,26 @@ const FormatXML& FormatXML::instance() {
 
 namespace {
 
+// The deepest element nesting a configuration may have. The tree is built by
+// recursion, one level per element, each level keeping its whole path: a
+// deeper document is refused like one that does not parse.
+constexpr unsigned kMaxElementDepth = 64;
+
+// The first element nested deeper than kMaxElementDepth below the document
+// element, or an empty node. pugixml walks the document without recursion.
+pugi::xml_node first_too_deep(pugi::xml_node top) {
+  struct Walker : pugi::xml_tree_walker {
+    pugi::xml_node found;
+    bool for_each(pugi::xml_node& node) override {
+      if (node.type() != pugi::node_element || static_cast<unsigned>(depth()) < kMaxElementDepth) return true;
+      found = node;
+      return false;
+    }
+  } walker;
+  top.traverse(walker);
+  return walker.found;
+}
+
 VTree convert(const pugi::xml_node& element, const std::string& path, const Format* format) {
   VTree tree(element.name(), element.attribute("type").value(), path);
   tree.set_format(format);
@@ -83,6 +103,11 @@ std::optional<VTree> FormatXML::parse(std::string_view text) const {
   auto top = document.document_element();
   if (!top) {
     ZEL_ERROR("XML parse {} line:{} '{}'", "No document element", 0, offending_line(text, 0));
+    return std::nullopt;
+  }
+  if (auto deep = first_too_deep(top)) {
+    ZEL_ERROR("XML parse {} line:{} '{}'", "Elements nested too deep", deep.offset_debug(),
+              offending_line(text, deep.offset_debug()));
     return std::nullopt;
   }
   VTree tree = convert(top, "", this);

@@ -1,0 +1,19 @@
+#include <gtest/gtest.h>
+
+#include "core/log.hpp"
+
+namespace {
+LogRecord record_at(uint64_t stamp) { return {LogLevel::Error, "src/core/x", 12, "Error: boom", stamp}; }
+}  // namespace
+
+TEST(Log, LineCarriesTheUtcTimeToTheMillisecondThenLevelSourceAndText) {
+  EXPECT_EQ(Log::format_line(record_at(1'000'000'000'123'456'789ULL)),
+            "2001-09-09T01:46:40.123Z error src/core/x:12 Error: boom");
+  EXPECT_EQ(Log::format_line(record_at(0)), "1970-01-01T00:00:00.000Z error src/core/x:12 Error: boom");
+}
+
+// A 32-bit time_t ends in January 2038; boards run longer than that.
+TEST(Log, DatesPastTheEndOf32BitTimeAreWrittenInFull) {
+  EXPECT_EQ(Log::format_line(record_at(2'214'172'799'999'000'000ULL)).substr(0, 24), "2040-02-29T23:59:59.999Z");
+  EXPECT_EQ(Log::format_line(record_at(4'294'967'296'000'000'000ULL)).substr(0, 24), "2106-02-07T06:28:16.000Z");
+}
