@@ -3,11 +3,11 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <mutex>
 #include <vector>
 
 #include "core/clock.hpp"
+#include "std/utc_calendar.hpp"
 
 namespace {
 
@@ -40,17 +40,9 @@ std::string_view to_string(LogLevel level) {
 }
 
 std::string Log::format_line(const LogRecord& r) {
-  // Calendar arithmetic on 64-bit durations: time_t and gmtime_r end in 2038
-  // on 32-bit boards.
-  using namespace std::chrono;
-  sys_time<milliseconds> time{milliseconds(static_cast<int64_t>(r.stamp / 1000000ULL))};
-  auto day = floor<days>(time);
-  year_month_day date{day};
-  hh_mm_ss clock{time - day};
-  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z {} {}:{} {}", static_cast<int>(date.year()),
-                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()), clock.hours().count(),
-                     clock.minutes().count(), clock.seconds().count(), clock.subseconds().count(),
-                     to_string(r.level), r.source, r.line, r.text);
+  auto t = utc_calendar(r.stamp);
+  return fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}.{:03}Z {} {}:{} {}", t.year, t.month, t.day, t.hour,
+                     t.minute, t.second, t.millisecond, to_string(r.level), r.source, r.line, r.text);
 }
 
 void Log::write(LogLevel level, std::string_view source, int line, std::string text) {

@@ -3,14 +3,16 @@
 #include <chrono>
 #include <cmath>
 
-#include <fmt/chrono.h>
+#include <fmt/format.h>
 
+#include "core/clock.hpp"
 #include "core/io/io.hpp"
 #include "core/log.hpp"
 #include "core/root.hpp"
 #include "core/store_text.hpp"
 #include "std/atomic_file.hpp"
 #include "std/paths.hpp"
+#include "std/utc_calendar.hpp"
 
 ZEL_REGISTER_NODE("store_manager", StoreManager);
 
@@ -42,7 +44,8 @@ FieldBase* field_at(Root& root, std::string_view path) {
 }
 
 std::string utc_now_text() {
-  return fmt::format("{:%Y%m%d-%H%M%S}", fmt::gmtime(std::chrono::system_clock::to_time_t(std::chrono::system_clock::now())));
+  auto t = utc_calendar(Clock::wall_ns());
+  return fmt::format("{:04}{:02}{:02}-{:02}{:02}{:02}", t.year, t.month, t.day, t.hour, t.minute, t.second);
 }
 }  // namespace
 
