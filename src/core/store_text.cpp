@@ -2,6 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/json_walk.hpp"
 #include "core/x2x.hpp"
 
 namespace {
@@ -26,18 +27,12 @@ size_t skip_string(std::string_view text, size_t i) {
 size_t skip_value(std::string_view text, size_t i) {
   if (text[i] == '"') return skip_string(text, i);
   if (text[i] == '{' || text[i] == '[') {
-    int depth = 0;
-    while (i < text.size()) {
-      char c = text[i];
-      if (c == '"') {
-        i = skip_string(text, i);
-        continue;
-      }
-      if (c == '{' || c == '[') ++depth;
-      else if ((c == '}' || c == ']') && --depth == 0) return i + 1;
-      ++i;
-    }
-    return i;
+    size_t end = text.size();
+    x2x::walk_json_structure(text.substr(i), [&](size_t at, char c, size_t depth) {
+      if ((c == '}' || c == ']') && depth == 1) end = i + at + 1;
+      return end == text.size();
+    });
+    return end;
   }
   while (i < text.size() && !is_blank(text[i]) && text[i] != ',' && text[i] != '}' && text[i] != ']') ++i;
   return i;

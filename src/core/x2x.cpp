@@ -5,6 +5,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/json_walk.hpp"
+
 namespace x2x {
 
 namespace {
@@ -245,22 +247,9 @@ bool from_json(std::string_view text, std::string& out) {
 }
 
 bool json_depth_within(std::string_view text, size_t limit) {
-  size_t depth = 0;
-  bool in_string = false;
-  for (size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (in_string) {
-      if (c == '\\') ++i;
-      else if (c == '"') in_string = false;
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > limit) return false;
-    } else if ((c == ']' || c == '}') && depth > 0) {
-      --depth;
-    }
-  }
-  return true;
+  return walk_json_structure(text, [limit](size_t, char c, size_t depth) {
+    return !(c == '[' || c == '{') || depth <= limit;
+  });
 }
 
 bool split_array(std::string_view text, std::vector<std::string>& elements) {
@@ -281,26 +270,15 @@ bool split_array(std::string_view text, std::vector<std::string>& elements) {
     while (is_space(part.back())) part.remove_suffix(1);
     elements.emplace_back(part);
   };
-  size_t depth = 0;
-  bool in_string = false;
   size_t begin = 1;
   const size_t last = text.size() - 1;  // the closing ']'
-  for (size_t i = 1; i < last; ++i) {
-    char c = text[i];
-    if (in_string) {
-      if (c == '\\') ++i;
-      else if (c == '"') in_string = false;
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == '[' || c == '{') {
-      ++depth;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    } else if (c == ',' && depth == 0) {
+  walk_json_structure(text, [&](size_t i, char c, size_t depth) {
+    if (c == ',' && depth == 1) {
       element(begin, i);
       begin = i + 1;
     }
-  }
+    return true;
+  });
   element(begin, last);
   return true;
 }
