@@ -153,18 +153,21 @@ TEST(WebsocketProtocol, MalformedMessagesAreLoggedAndChangeNothing) {
   Session session(*root);
   LogCapture log;
   std::string deep(100000, '[');
+  // Well formed, but writing "data" out again would recurse 100,000 deep.
+  std::string deep_data = R"({"event":"set","data":)" + deep + std::string(100000, ']') + "}";
   for (const std::string& message :
        {std::string("{not json"), std::string("[1,2]"), std::string(R"({"data":{}})"),
         std::string(R"({"event":"explode","data":{}})"), std::string(R"({"event":"set","data":[1]})"),
         std::string(R"({"event":"subscribe","data":"a/value"})"), std::string(R"({"event":"set","data":{"a/value":"x"}})"),
-        deep, std::string("\xff\xfe"), std::string()})
+        deep, deep_data, std::string("\xff\xfe"), std::string()})
     session.protocol.handle_message(message);
   EXPECT_EQ(at<AnalogIO>(*root, "a").get(), 1.0);
   EXPECT_EQ(session.protocol.subscription_count(), 0u);
   for (const char* part : {"Error: Malformed WebSocket message: {not json", "Error: WebSocket message is not an object",
                            "Error: WebSocket message without an event name", "Error: Unknown WebSocket event 'explode'",
                            "Error: WebSocket 'set' data is not an object: [1]",
-                           "Error: WebSocket 'subscribe' data is not an object", "Can't convert"})
+                           "Error: WebSocket 'subscribe' data is not an object", "Can't convert",
+                           "Error: WebSocket message nested deeper than 128 levels"})
     EXPECT_TRUE(log.contains(part)) << part;
 }
 

@@ -6,6 +6,7 @@
 
 #include "core/clock.hpp"
 #include "core/log.hpp"
+#include "core/x2x.hpp"
 
 namespace {
 
@@ -42,6 +43,11 @@ void ClientProtocol::problem(fmt::format_string<Args...> format, Args&&... args)
 }
 
 void ClientProtocol::handle_message(std::string_view text) {
+  // The library parses any depth but writes "data" out again by recursion.
+  if (!x2x::json_depth_within(text)) {
+    problem("WebSocket message nested deeper than {} levels: {}", x2x::kMaxJsonDepth, shown(text));
+    return;
+  }
   auto message = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
   if (message.is_discarded()) {
     problem("Malformed WebSocket message: {}", shown(text));
