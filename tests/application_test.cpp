@@ -193,7 +193,7 @@ TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesF
   ASSERT_TRUE(std::filesystem::exists(dir / "io/crash"));
 
   touch(dir / "crash");
-  ASSERT_TRUE(zel.wait_for("Initialized", 2));
+  ASSERT_TRUE(zel.wait_for("Initialized", 2)) << zel.error_text();
   EXPECT_TRUE(zel.running());
   auto err = zel.error_text();
   EXPECT_LT(err.find("Crashing on request"), err.find("\rZEL FAULTED (11)\n"));
