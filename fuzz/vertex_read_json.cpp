@@ -2,34 +2,14 @@
 // type, a nested vertex and an IO node. Whatever the text, the tree's JSON
 // stays valid and reads back into the tree unchanged.
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
-#include "core/field.hpp"
-#include "core/io/io.hpp"
 #include "core/log.hpp"
-#include "core/vtree.hpp"
+#include "sample_tree.hpp"
 #include "value_text.hpp"
-
-namespace {
-
-std::unique_ptr<Vertex> make_tree() {
-  auto top = std::make_unique<Vertex>("top");
-#define ZEL_ADD_FIELD(T) top->add<ValueField<T>>(std::string(detail::type_label<T>()));
-  ZEL_FORMAT_VALUE_TYPES(ZEL_ADD_FIELD)
-#undef ZEL_ADD_FIELD
-  auto& nested = top->add<Vertex>("nested");
-  nested.add<ValueField<double>>("x");
-  nested.add<ValueField<std::string>>("s");
-  nested.add<Vertex>("deeper").add<ValueField<bool>>("b");
-  top->adopt(std::make_unique<AnalogIO>(VTree("io")));
-  return top;
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   Log::set_stderr(false);
@@ -37,7 +17,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static auto tree = make_tree();
+  static auto tree = fuzz::make_sample_tree();
   tree->read_json(fuzz::as_text(data, size));
   const std::string json = tree->json();
   if (nlohmann::json::parse(json, nullptr, false).is_discarded())

@@ -11,7 +11,8 @@
 # target are summed up in <build>/summary.txt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build=${FUZZ_BUILD:-build-fuzz}
+root=$(pwd)
+build=$(realpath -m "${FUZZ_BUILD:-build-fuzz}")
 seconds=${FUZZ_SECONDS:-60}
 jobs=${JOBS:-2}
 
@@ -49,13 +50,16 @@ failed=0
 for name in "${targets[@]}"; do
   corpus="$build/corpus/$name"
   artifacts="$build/artifacts/$name"
-  mkdir -p "$corpus" "$artifacts" "$build/logs"
+  # Each target runs in a scratch folder of its own: whatever a fuzzed input
+  # makes the code write under a relative name lands there.
+  work="$build/work/$name"
+  mkdir -p "$corpus" "$artifacts" "$work" "$build/logs"
   options=(-max_total_time="$seconds" -print_final_stats=1 -timeout=10 -rss_limit_mb=2048
            -artifact_prefix="$artifacts/")
-  if [[ -f fuzz/$name.dict ]]; then options+=(-dict="fuzz/$name.dict"); fi
+  if [[ -f fuzz/$name.dict ]]; then options+=(-dict="$root/fuzz/$name.dict"); fi
   log="$build/logs/$name.log"
   result=clean
-  if ! "$build/fuzz/fuzz_$name" "${options[@]}" "$corpus" "fuzz/corpus/$name" >"$log" 2>&1; then
+  if ! (cd "$work" && "$build/fuzz/fuzz_$name" "${options[@]}" "$corpus" "$root/fuzz/corpus/$name") >"$log" 2>&1; then
     result="FAILED (see $log)"
     failed=1
   fi

@@ -73,31 +73,6 @@ constexpr const char* kQuiet = R"(<admin><store_manager save_delay="0" hourmeter
 
 std::string quiet(const std::string& body) { return std::string("<root>") + kQuiet + body + "</root>"; }
 
-// One stored field of every value type.
-class StoredTypes : public Node {
- public:
-  explicit StoredTypes(const VTree& config) : Node(config) {
-    add_typed<bool>("b");
-    add_typed<int>("i");
-    add_typed<unsigned char>("u8");
-    add_typed<unsigned short>("u16");
-    add_typed<unsigned int>("u32");
-    add_typed<unsigned long long>("u64");
-    add_typed<float>("f");
-    add_typed<double>("d");
-    add_typed<std::string>("s");
-    add_typed<std::vector<bool>>("vb");
-    add_typed<std::vector<double>>("vd");
-    add_typed<std::vector<std::string>>("vs");
-  }
-
- private:
-  template <class T>
-  void add_typed(const char* name) {
-    add<ValueField<T>>(name).attributes_for_update().store = "config";
-  }
-};
-ZEL_REGISTER_NODE("stored_types", StoredTypes);
 
 }  // namespace
 
