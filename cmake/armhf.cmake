@@ -8,6 +8,9 @@ set(CMAKE_SYSTEM_PROCESSOR armv7l)
 set(CMAKE_LIBRARY_ARCHITECTURE arm-linux-gnueabihf)
 set(CMAKE_C_COMPILER arm-linux-gnueabihf-gcc)
 set(CMAKE_CXX_COMPILER arm-linux-gnueabihf-g++)
+# GCC notes on every std::map or std::span argument that their passing
+# changed in GCC 7.1; everything here is built by one compiler.
+set(CMAKE_CXX_FLAGS_INIT "-Wno-psabi")
 
 set(ZEL_ARMHF_SYSROOT "" CACHE PATH "Folder of unpacked armhf packages")
 if(NOT ZEL_ARMHF_SYSROOT)

@@ -48,7 +48,7 @@ PolyModel<N, P>::PolyModel(const VTree& config) : Component(config), channel_(*t
   group.set_default(LabelField::key, std::string("Measurement Data"));
   auto group_config = config.child_or_empty("model");
   for (int i = 0; i < P; ++i) {
-    points_[i] = &group.add_node<Point>(group_config, fmt::format("p{}", i), *this);
+    points_[i] = &group.template add_node<Point>(group_config, fmt::format("p{}", i), *this);
     points_[i]->set_default(LabelField::key, fmt::format("Point {}", i + 1));
   }
 
