@@ -12,6 +12,7 @@
 #include <algorithm>
 
 #include "std/capabilities.hpp"
+#include "emulation.hpp"
 #include "zel_process.hpp"
 
 using namespace std::chrono_literals;
@@ -19,6 +20,11 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 
 namespace {
+
+// A restart execs the program's own image again; the kernel starts an ARM
+// image only through a binfmt_misc entry for qemu, which a build machine need
+// not have.
+constexpr const char* kRestartNeedsBinfmt = "a restart execs the ARM program itself, which needs binfmt_misc";
 
 const std::string kProgram = ZEL_BINARY;
 
@@ -155,6 +161,7 @@ TEST(ApplicationSignals, ASecondInterruptDuringASlowShutdownExitsOneAtOnce) {
 }
 
 TEST(ApplicationRestart, FaultSignalsRestartInPlaceWithTheSamePidAndArguments) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
   auto arguments = ZelProcess::arguments_for(dir);
   ZelProcess::Options options;
@@ -183,6 +190,7 @@ TEST(ApplicationRestart, FaultSignalsRestartInPlaceWithTheSamePidAndArguments) {
 }
 
 TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesFilesAgain) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
   configure(dir, R"(<crash type="crash_on_request" request_file=")" + (dir / "crash") + R"("/>)");
   std::filesystem::create_directory(dir / "io");
@@ -206,6 +214,7 @@ TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesF
 }
 
 TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
   auto program = copy_program(dir);
   ZelProcess zel(program, ZelProcess::arguments_for(dir));
@@ -232,6 +241,7 @@ TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
 }
 
 TEST(ApplicationUpdate, UnpackingDelaysTheRestartIntoTheNewProgramUntilTheUpdateHasEnded) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
   auto program = copy_program(dir);
   TempDir staging;
@@ -295,6 +305,7 @@ TEST(ApplicationShutdown, AHangingDestructionTimesOutAfterEightSecondsAndTheRebo
 }
 
 TEST(ApplicationAdmin, StopAndRestartButtonsReachTheApplication) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
   configure(dir, press_on_request(dir, "reset", "admin/reset_button") +
                      press_on_request(dir, "stop", "admin/stop_button"));
@@ -350,6 +361,7 @@ class NotifySocket {
 }  // namespace
 
 TEST(ApplicationHeartbeat, WatchdogMessagesReachTheNotifySocketAcrossARestart) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
   NotifySocket manager(dir / "notify");
   ZelProcess::Options options;

@@ -20,6 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "emulation.hpp"
+
 extern char** environ;
 
 // A folder made with mkdtemp, removed with all it holds.
@@ -74,7 +76,9 @@ class ZelProcess {
 
   ZelProcess(std::string program, std::vector<std::string> arguments, Options options = {})
       : arguments_(std::move(arguments)) {
-    std::vector<std::string> argv_text{program};
+    // Under emulation the emulator starts the program (tests/emulation.hpp).
+    std::vector<std::string> argv_text = emulator_command();
+    argv_text.push_back(program);
     argv_text.insert(argv_text.end(), arguments_.begin(), arguments_.end());
     std::vector<char*> argv;
     for (auto& a : argv_text) argv.push_back(a.data());

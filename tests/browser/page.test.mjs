@@ -11,6 +11,8 @@ import { after, before, test } from "node:test";
 import { chromium } from "playwright-core";
 
 const BINARY = process.env.ZEL_BINARY;
+// A cross-built program is started through its emulator ("qemu-arm -L ...").
+const EMULATOR = (process.env.ZEL_EMULATOR || "").split(" ").filter(Boolean);
 const WEB_DIR = process.env.ZEL_WEB_DIR;
 const ARTIFACTS = process.env.ZEL_ARTIFACTS;
 
@@ -31,7 +33,8 @@ let dataRoot, profile, zel, base, browser, page;
 
 function startZel() {
   return new Promise((resolve, reject) => {
-    const child = spawn(BINARY, ["--config", join(dataRoot, "rig.xml"), "--data-root", dataRoot, "--pid-file",
+    const [program, ...prefix] = [...EMULATOR, BINARY];
+    const child = spawn(program, [...prefix, "--config", join(dataRoot, "rig.xml"), "--data-root", dataRoot, "--pid-file",
       join(dataRoot, "zel.pid"), "--io-mount", "none", "--port", "0"], { stdio: ["ignore", "ignore", "pipe"] });
     let seen = "";
     const timer = setTimeout(() => reject(new Error(`no port in the log:\n${seen}`)), 20000);
