@@ -2,6 +2,7 @@
 // A small Boost.Beast client for tests and benchmarks of the web server: plain
 // HTTP exchanges and WebSocket sessions, always on 127.0.0.1.
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -55,26 +56,51 @@ inline Reply request(uint16_t port, http::verb method, const std::string& target
 
 inline Reply get(uint16_t port, const std::string& target) { return request(port, http::verb::get, target); }
 
+// A plain connection for exchanges the request helpers cannot make: bytes
+// sent as they are, in steps, and the server's answer read as it comes.
+class RawConnection {
+ public:
+  explicit RawConnection(uint16_t port) : socket_(io_) { socket_.connect(local(port)); }
+
+  void send(const std::string& bytes) { net::write(socket_, net::buffer(bytes)); }
+
+  // Reads until what came holds `marker`, the server closes or `timeout`
+  // passes; returns everything received so far (an empty marker reads to the end).
+  const std::string& read_until(const std::string& marker, milliseconds timeout = milliseconds(3000)) {
+    char chunk[4096];
+    bool done = false;
+    std::function<void()> read_more = [&] {
+      socket_.async_read_some(net::buffer(chunk), [&](beast::error_code ec, size_t n) {
+        received_.append(chunk, n);
+        if (ec || (!marker.empty() && received_.find(marker) != std::string::npos)) done = true;
+        else read_more();
+      });
+    };
+    if (marker.empty() || received_.find(marker) == std::string::npos) {
+      read_more();
+      io_.restart();
+      io_.run_for(timeout);
+      if (!done) {
+        socket_.cancel();
+        io_.restart();
+        io_.run();  // the cancelled read ends before its buffer goes away
+      }
+    }
+    return received_;
+  }
+
+ private:
+  net::io_context io_;
+  tcp::socket socket_;
+  std::string received_;
+};
+
 // Sends raw bytes and collects what the server answers until it closes the
 // connection or `timeout` passes.
 inline std::string raw_exchange(uint16_t port, const std::string& bytes, milliseconds timeout = milliseconds(3000)) {
-  net::io_context io;
-  tcp::socket socket(io);
-  socket.connect(local(port));
-  net::write(socket, net::buffer(bytes));
-  std::string answer;
-  char chunk[4096];
-  bool done = false;
-  std::function<void()> read_more = [&] {
-    socket.async_read_some(net::buffer(chunk), [&](beast::error_code ec, size_t n) {
-      answer.append(chunk, n);
-      if (ec) done = true;
-      else read_more();
-    });
-  };
-  read_more();
-  io.run_for(timeout);
-  return answer;
+  RawConnection connection(port);
+  connection.send(bytes);
+  return connection.read_until("", timeout);
 }
 
 class WebSocketClient {

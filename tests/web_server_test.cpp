@@ -536,6 +536,24 @@ TEST_F(WebServerTest, BadRequestsAreAnsweredAndClosedWhileOthersAreServed) {
   EXPECT_EQ(web_client::get(port, "/").status, 200u);
 }
 
+TEST_F(WebServerTest, AClientThatExpectsContinueIsAskedForTheBodyBeforeSendingIt) {
+  start(R"(<t type="analog_io" value="1.5"/>)");
+  web_client::RawConnection connection(port);
+  connection.send("PUT /io/t/value HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 4\r\n\r\n");
+  // curl would wait a second for this before sending the body anyway.
+  auto interim = connection.read_until("\r\n\r\n", std::chrono::milliseconds(500));
+  EXPECT_TRUE(interim.starts_with("HTTP/1.1 100 Continue\r\n")) << interim;
+  connection.send("42.5");
+  auto answer = connection.read_until(std::string(HttpRouter::kSuccess));
+  EXPECT_NE(answer.find("HTTP/1.1 200"), std::string::npos) << answer;
+  EXPECT_EQ(at<AnalogIO>(*root, "t").get(), 42.5);
+
+  // Too large a body is refused with the header: the client never sends it.
+  auto refused = web_client::raw_exchange(
+      port, "PUT /io/t/value HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 50000000\r\n\r\n");
+  EXPECT_TRUE(refused.starts_with("HTTP/1.1 413")) << refused.substr(0, 40);
+}
+
 TEST_F(WebServerTest, WebSocketClientSubscribesReceivesExactPushesAndSets) {
   start(R"(<t type="analog_io" value="1.5"/>)");
   web_client::WebSocketClient client(io, port);

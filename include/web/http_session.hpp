@@ -1,9 +1,9 @@
 #pragma once
 // HTTPSession: one plain HTTP connection. It reads requests (limits on header
-// and body size, a time-out per read and write), answers them through the
-// router in order through its HttpWorkQueue, and hands the connection to a
-// new WebsocketSession when a request asks for the upgrade. Runs on the
-// connection's strand.
+// and body size, a time-out per read and write, "100 Continue" to a client
+// that expects it), answers them through the router in order through its
+// HttpWorkQueue, and hands the connection to a new WebsocketSession when a
+// request asks for the upgrade. Runs on the connection's strand.
 #include <memory>
 #include <optional>
 
@@ -25,6 +25,8 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
 
  private:
   void do_read();
+  // After the header: answers "Expect: 100-continue", then reads the body.
+  void on_header(boost::beast::error_code ec, size_t bytes);
   void on_read(boost::beast::error_code ec, size_t bytes);
   // Answers a request that could not be read whole, then closes.
   void refuse(unsigned status, std::string_view text);
@@ -39,4 +41,5 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
   HttpWorkQueue queue_;
   bool closing_ = false;  // no more reads: the last reply closes the connection
+  bool reading_ = false;  // a request is being read
 };

@@ -2,6 +2,7 @@
 
 #include <boost/asio/dispatch.hpp>
 #include <boost/beast/core/bind_handler.hpp>
+#include <boost/beast/core/string.hpp>
 #include <boost/beast/http/read.hpp>
 #include <boost/beast/http/write.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
@@ -52,10 +53,23 @@ void HTTPSession::do_read() {
   parser_->body_limit(shared_->limits().http_body_max);
   parser_->header_limit(static_cast<std::uint32_t>(shared_->limits().http_header_max));
   stream_.expires_after(shared_->limits().http_timeout);
+  reading_ = true;
+  http::async_read_header(stream_, buffer_, *parser_,
+                          beast::bind_front_handler(&HTTPSession::on_header, shared_from_this()));
+}
+
+void HTTPSession::on_header(beast::error_code ec, size_t bytes) {
+  if (ec || parser_->is_done()) return on_read(ec, bytes);
+  // A client that asks first (curl does for bodies over 1 KiB) waits for the
+  // interim answer before it sends the body; a body too large was refused
+  // with the header already.
+  if (beast::iequals(parser_->get()[http::field::expect], "100-continue"))
+    queue_reply(HttpWorkQueue::Response{http::status::continue_, parser_->get().version()});
   http::async_read(stream_, buffer_, *parser_, beast::bind_front_handler(&HTTPSession::on_read, shared_from_this()));
 }
 
 void HTTPSession::on_read(beast::error_code ec, size_t) {
+  reading_ = false;
   if (ec == http::error::body_limit) return refuse(413, "Request body too large");
   if (ec == http::error::header_limit) return refuse(431, "Request header too large");
   if (ec && is_http_parse_error(ec) && ec != http::error::end_of_stream && ec != http::error::partial_message) {
@@ -103,7 +117,8 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
   bool was_full = queue_.pop_written();
   if (close) return do_close();
   if (!queue_.empty()) do_write();
-  if (was_full && !closing_) do_read();
+  // An interim answer may have filled the queue while the body is still read.
+  if (was_full && !closing_ && !reading_) do_read();
 }
 
 void HTTPSession::do_close() {
