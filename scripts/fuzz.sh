@@ -52,14 +52,14 @@ for name in "${targets[@]}"; do
   artifacts="$build/artifacts/$name"
   # Each target runs in a scratch folder of its own: whatever a fuzzed input
   # makes the code write under a relative name lands there.
-  work="$build/work/$name"
-  mkdir -p "$corpus" "$artifacts" "$work" "$build/logs"
+  scratch="$build/scratch/$name"
+  mkdir -p "$corpus" "$artifacts" "$scratch" "$build/logs"
   options=(-max_total_time="$seconds" -print_final_stats=1 -timeout=10 -rss_limit_mb=2048
            -artifact_prefix="$artifacts/")
   if [[ -f fuzz/$name.dict ]]; then options+=(-dict="$root/fuzz/$name.dict"); fi
   log="$build/logs/$name.log"
   result=clean
-  if ! (cd "$work" && "$build/fuzz/fuzz_$name" "${options[@]}" "$corpus" "$root/fuzz/corpus/$name") >"$log" 2>&1; then
+  if ! (cd "$scratch" && "$build/fuzz/fuzz_$name" "${options[@]}" "$corpus" "$root/fuzz/corpus/$name") >"$log" 2>&1; then
     result="FAILED (see $log)"
     failed=1
   fi
