@@ -20,6 +20,7 @@
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
+#include "tree_access.hpp"
 
 namespace {
 
@@ -29,13 +30,6 @@ std::unique_ptr<Root> build(const std::string& xml) {
   auto root = FormatXML::instance().build(xml);
   if (!root) throw std::runtime_error("no root from " + xml);
   return root;
-}
-
-template <class T>
-T& at(const Root& root, const std::string& path) {
-  auto* found = dynamic_cast<T*>(root.find_path(path));
-  if (!found) throw std::runtime_error("nothing of that type at " + path);
-  return *found;
 }
 
 std::vector<double> values_of(const PolyIO<4>& poly) {

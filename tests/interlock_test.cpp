@@ -23,6 +23,7 @@
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
+#include "tree_access.hpp"
 
 namespace {
 
@@ -371,13 +372,6 @@ std::unique_ptr<Root> build(const std::string& xml) {
   auto root = FormatXML::instance().build(xml);
   if (!root) ADD_FAILURE() << "no root from " << xml;
   return root;
-}
-
-template <class T>
-T& at(Root& root, const std::string& path) {
-  auto* node = dynamic_cast<T*>(root.find_path(path));
-  if (!node) throw std::runtime_error("no node of the expected type at " + path);
-  return *node;
 }
 
 // Runs `job` on the node's context (where its events belong) and waits.

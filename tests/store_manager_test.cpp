@@ -21,6 +21,7 @@
 #include "std/paths.hpp"
 #include "wait_until.hpp"
 #include "zel_process.hpp"
+#include "tree_access.hpp"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -55,11 +56,6 @@ std::unique_ptr<Root> start(const std::string& xml) {
 }
 
 StoreManager& stores(Root& root) { return dynamic_cast<StoreManager&>(*root.find_path("admin/store_manager")); }
-
-template <class T>
-T& at(Root& root, const char* path) {
-  return dynamic_cast<T&>(*root.find_path(path));
-}
 
 // The real program on `config`, with the data root as its working folder.
 std::unique_ptr<ZelProcess> start_zel(const DataRoot& data, const std::string& config) {

@@ -22,6 +22,7 @@
 #include "web/http_router.hpp"
 #include "web/web_server.hpp"
 #include "web_client.hpp"
+#include "tree_access.hpp"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
@@ -53,13 +54,6 @@ std::unique_ptr<Root> build(const std::string& inner) {
   auto root = FormatXML::instance().build("<root>" + inner + "</root>");
   if (!root) ADD_FAILURE() << "no root from " << inner;
   return root;
-}
-
-template <class T>
-T& at(Root& root, const std::string& path) {
-  auto* v = dynamic_cast<T*>(root.find_path(path));
-  if (!v) throw std::runtime_error("no " + path);
-  return *v;
 }
 
 std::string stamp_of(Root& root, const std::string& path) {
