@@ -350,6 +350,13 @@ TEST(ApplicationRestart, StartedThroughALinkInPathTheProgramRunsInTheLinksFolder
   ASSERT_TRUE(zel.wait_for("Initialized", 2, 15s)) << zel.error_text();
   EXPECT_THAT(zel.error_text(), HasSubstr("Program file " + (dir / "bin/zel") + " replaced"));
   EXPECT_EQ(inode_of(proc + "/exe"), inode_of(second));
+
+  // The file the link names replaced in its own folder.
+  wait_for_the_watch();
+  copy_program(dir, "v2/zel.new");
+  std::filesystem::rename(dir / "v2/zel.new", second);
+  ASSERT_TRUE(zel.wait_for("Initialized", 3, 15s)) << zel.error_text();
+  EXPECT_EQ(inode_of(proc + "/exe"), inode_of(second));
   expect_plain_stop(zel);
 }
 

@@ -95,7 +95,8 @@ class Application {
   int argc_ = 0;
   char** argv_ = nullptr;
   std::string start_dir_;     // the working directory the process was started in
-  std::string program_path_;  // the absolute path of the program file
+  std::string program_path_;       // the program file by the path it was started through
+  std::string running_file_path_;  // the file that path named at the start (links resolved)
   std::string dir_option_;
   std::string config_option_;
 

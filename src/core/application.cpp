@@ -105,6 +105,7 @@ int Application::start(int argc, char** argv) {
   // restart follow what it names at the time, so re-pointing a link switches
   // versions.
   program_path_ = Process::started_path(argv[0]);
+  running_file_path_ = Process::executable_path();
 
   int status = 0;
   if (!parse_options(argc, argv, status)) return status;
@@ -253,6 +254,9 @@ std::string Application::read_configuration() {
 void Application::watch_program_file() {
   watcher_ = std::make_unique<Watcher>();
   watcher_->add(program_path_, kProgramFileMask);
+  // Started through a link: the file it names may be replaced in its own folder.
+  if (!running_file_path_.empty() && running_file_path_ != program_path_)
+    watcher_->add(running_file_path_, kProgramFileMask);
   watcher_->connect([this](const Watcher::Event& event) { on_program_file_event(event.path); });
   watcher_->start();
 }
@@ -345,7 +349,7 @@ void Application::on_genuine_fault(int signal) {
 }
 
 void Application::on_program_file_event(const std::string& path) {
-  if (path != program_path_ || !running()) return;
+  if ((path != program_path_ && path != running_file_path_) || !running()) return;
   ZEL_INFO("Program file {} replaced, restarting", path);
   watcher_->remove_all();
   // Let the copy finish, and an update finish unpacking.
