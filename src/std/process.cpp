@@ -123,6 +123,9 @@ namespace {
 class AlternateSignalStack {
  public:
   AlternateSignalStack() {
+    // One set up by someone else (a sanitizer's runtime) stays theirs.
+    stack_t present{};
+    if (::sigaltstack(nullptr, &present) == 0 && !(present.ss_flags & SS_DISABLE)) return;
     void* memory = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
     if (memory == MAP_FAILED) return;
     stack_t stack{};
