@@ -317,6 +317,23 @@ TEST(ChipFaults, ChipThatStopsAnsweringRaisesItsFaultKeepsPollingAndClearsWhenBa
   EXPECT_EQ(at<ChipTest>(*board.root, "bus/port/read_write").run(), "Passed");
 }
 
+TEST(ChipFaults, StuckBusFailsEveryChipUntilTheBusRecovers) {
+  Board board;
+  auto& port = board.chip<PCF8574>("port");
+  auto& touch = board.chip<FT5X26>("touch");
+  board.set("bus/simulation/stuck", "true");
+  port.poll();
+  touch.poll();
+  EXPECT_TRUE(port.faults().raised());
+  EXPECT_TRUE(touch.faults().raised());
+  at<ButtonField>(*board.root, "bus/recover").press();
+  EXPECT_FALSE(at<ValueField<bool>>(*board.root, "bus/simulation/stuck").get());
+  port.poll();
+  touch.poll();
+  EXPECT_FALSE(port.faults().raised());
+  EXPECT_FALSE(touch.faults().raised());
+}
+
 TEST(ChipFaults, DisplayLinkFaultNamesTheHeaderAndTheScreenComesBackSetUp) {
   Board board;
   board.root->initialize();

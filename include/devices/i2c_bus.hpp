@@ -53,6 +53,7 @@ class I2CBus : public Component {
   static void register_backend(const std::string& device, Backend backend);
 
  private:
+  static bool request_fits(std::size_t length, const void* buffer);
   bool transfer_locked(uint8_t address, I2CMessage last);
   void log_not_open();
 

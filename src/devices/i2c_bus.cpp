@@ -33,6 +33,8 @@ I2CBus::I2CBus(const VTree& config)
   speed_.attributes_for_update().units = "Hz";
   open_.set_readonly(true);
   open_.attributes_for_update().detail = "Whether the adapter is open.";
+  add<ButtonField>("recover", "Free the bus", [this] { recover(); }).attributes_for_update().detail =
+      "Asks the adapter to free a bus that a slave holds.";
   open();
 }
 
@@ -98,20 +100,26 @@ void I2CBus::log_not_open() {
   ZEL_ERROR("FD");
 }
 
+// The checks that follow the adapter's, the same for sends and receives.
+bool I2CBus::request_fits(std::size_t length, const void* buffer) {
+  if (length > kMaxMessage) {
+    ZEL_ERROR("I2C messages can not be greater than 64");
+    return false;
+  }
+  if (!buffer) {
+    ZEL_ERROR("Null pointer passed as I2C buffer");
+    return false;
+  }
+  return true;
+}
+
 bool I2CBus::send(uint8_t address, const uint8_t* bytes, std::size_t length, bool stop) {
   std::lock_guard lock(mutex_);
   if (!transport_ || !transport_->is_open()) {
     log_not_open();
     return false;
   }
-  if (length > kMaxMessage) {
-    ZEL_ERROR("I2C messages can not be greater than 64");
-    return false;
-  }
-  if (!bytes) {
-    ZEL_ERROR("Null pointer passed as I2C buffer");
-    return false;
-  }
+  if (!request_fits(length, bytes)) return false;
   if (!stop) {
     held_[address].emplace_back(bytes, bytes + length);
     return true;
@@ -123,14 +131,7 @@ bool I2CBus::send(uint8_t address, const uint8_t* bytes, std::size_t length, boo
 bool I2CBus::receive(uint8_t address, uint8_t* buffer, std::size_t length, bool stop) {
   std::lock_guard lock(mutex_);
   if (!transport_ || !transport_->is_open()) return false;
-  if (length > kMaxMessage) {
-    ZEL_ERROR("I2C messages can not be greater than 64");
-    return false;
-  }
-  if (!buffer) {
-    ZEL_ERROR("Null pointer passed as I2C buffer");
-    return false;
-  }
+  if (!request_fits(length, buffer)) return false;
   return transfer_locked(address, {address, true, buffer, static_cast<uint16_t>(length)});
 }
 

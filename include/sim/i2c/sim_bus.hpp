@@ -6,6 +6,7 @@
 // fails every transfer until it is recovered.
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -34,6 +35,8 @@ class SimBus {
   void set_speed(uint32_t hz) { speed_ = hz; }
 
   std::atomic<bool> stuck{false};
+  // Called after a recovery freed a stuck bus (set before transfers start).
+  std::function<void()> on_recovered;
 
   // What the last transaction looked like: its messages' addresses and directions.
   struct MessageShape {

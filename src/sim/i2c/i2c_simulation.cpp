@@ -51,6 +51,7 @@ I2CSimulation::I2CSimulation(const VTree& config, const VTree& bus_config)
   stuck.attributes_for_update().detail = "A slave holds the bus: every transfer fails until the bus recovers.";
   stuck.set(false);
   stuck.listen([this, &stuck] { bus_->stuck = stuck.get(); });
+  bus_->on_recovered = [&stuck] { stuck.set(false); };
   for (auto& chip_config : bus_config.children()) {
     auto model = model_for(chip_config.type());
     unsigned address = 0;

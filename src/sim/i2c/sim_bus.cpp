@@ -37,7 +37,7 @@ bool SimBus::transfer(std::span<I2CMessage> messages) {
 }
 
 bool SimBus::recover() {
-  stuck = false;
+  if (stuck.exchange(false) && on_recovered) on_recovered();
   return true;
 }
 
