@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <initializer_list>
+#include <mutex>
 
 #include "core/component.hpp"
 #include "core/fault_record.hpp"
@@ -30,9 +31,14 @@ class I2CSlave : public Component {
   // {register} without stop, then a one-byte receive: one combined transfer.
   bool read_register(uint8_t reg, uint8_t& value);
 
+  // Held for a sequence of transfers that must not interleave with another
+  // thread's on this chip (a pointer set, then the read it is for).
+  std::unique_lock<std::recursive_mutex> exclusive() { return std::unique_lock(sequence_mutex_); }
+
  private:
   ValueField<unsigned int>& address_;
   mutable std::atomic<I2CBus*> bus_{nullptr};
+  std::recursive_mutex sequence_mutex_;
 
  protected:
   FaultRecord faults_;

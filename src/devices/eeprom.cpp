@@ -112,6 +112,7 @@ bool EEPROM::wait_ready() {
 
 bool EEPROM::write_memory(uint16_t address, std::span<const uint8_t> bytes) {
   if (address + bytes.size() > kSize) return false;
+  auto lock = exclusive();
   while (!bytes.empty()) {
     std::size_t room = kPage - address % kPage;  // a page write wraps within its page
     std::size_t n = std::min(room, bytes.size());
@@ -128,6 +129,7 @@ bool EEPROM::write_memory(uint16_t address, std::span<const uint8_t> bytes) {
 
 bool EEPROM::read_memory(uint16_t address, std::span<uint8_t> bytes) {
   if (address + bytes.size() > kSize) return false;
+  auto lock = exclusive();
   while (!bytes.empty()) {
     std::size_t n = std::min(bytes.size(), I2CBus::kMaxMessage);
     if (!write({static_cast<uint8_t>(address >> 8), static_cast<uint8_t>(address)}, false) ||
@@ -140,6 +142,7 @@ bool EEPROM::read_memory(uint16_t address, std::span<uint8_t> bytes) {
 }
 
 bool EEPROM::redundant_write(uint16_t address, std::span<const uint8_t> bytes) {
+  auto lock = exclusive();
   auto record = make_record(bytes);
   if (address + record.size() > kBank) return false;
   for (int copy = 0; copy < kCopies; ++copy)
@@ -150,6 +153,7 @@ bool EEPROM::redundant_write(uint16_t address, std::span<const uint8_t> bytes) {
 bool EEPROM::redundant_read_repair(uint16_t address, std::span<uint8_t> bytes) {
   std::size_t size = bytes.size() + kCrcSize;
   if (address + size > kBank) return false;
+  auto lock = exclusive();
   std::vector<std::vector<uint8_t>> copies(kCopies, std::vector<uint8_t>(size));
   for (int copy = 0; copy < kCopies; ++copy)
     if (!read_memory(static_cast<uint16_t>(address + copy * kBank), copies[copy])) return false;

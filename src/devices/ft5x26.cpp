@@ -20,6 +20,7 @@ void FT5X26::poll() { ZEL_FAULT(faults_, read_touch(), "I2C read failure", "read
 
 bool FT5X26::read_touch() {
   uint8_t r[5] = {};
+  auto lock = exclusive();
   if (!write({kStatus}, false) || !read(r, sizeof r, true)) return false;
   unsigned count = r[0] & 0x0F;
   touches_.set(static_cast<unsigned char>(count));

@@ -36,4 +36,7 @@ bool I2CSlave::read(uint8_t* buffer, std::size_t length, bool stop) {
 
 bool I2CSlave::write_register(uint8_t reg, uint8_t value) { return write({reg, value}, true); }
 
-bool I2CSlave::read_register(uint8_t reg, uint8_t& value) { return write({reg}, false) && read(&value, 1, true); }
+bool I2CSlave::read_register(uint8_t reg, uint8_t& value) {
+  auto lock = exclusive();
+  return write({reg}, false) && read(&value, 1, true);
+}
