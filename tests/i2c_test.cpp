@@ -231,6 +231,7 @@ TEST(SI5351, InitialisationSleepsOnItsOwnThreadAndFollowsClockSelection) {
   ASSERT_TRUE(wait_until([&] { return clock.initializations() == 2; }));
   EXPECT_EQ(clock.clock().get(), "100000");
   EXPECT_NEAR(model.output_hz(), 100000, 0.01);
+  EXPECT_NEAR(at<ValueField<double>>(*board.root, "bus/simulation/clock/output_hz").get(), 100000, 0.01);
 }
 
 // ---- EEPROM --------------------------------------------------------------

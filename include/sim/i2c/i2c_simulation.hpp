@@ -4,7 +4,8 @@
 // configured beneath it, at the chip's address, and this node ("simulation",
 // beneath the bus) to inject faults from any client: `stuck` holds the bus;
 // per chip, `answering` false stops its acknowledgements and `corrupt` damages
-// its replies.
+// its replies. A clock generator's node also shows `output_hz`, the frequency
+// its registers program.
 #include <memory>
 
 #include "core/node.hpp"

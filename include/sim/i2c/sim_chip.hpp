@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <span>
 #include <vector>
@@ -24,6 +25,9 @@ class SimChip {
   // Fault injection: a chip that stopped answering, or whose replies are damaged.
   std::atomic<bool> answering{true};
   std::atomic<bool> corrupt{false};
+  // Called by the bus after each transaction that addressed the chip (set
+  // before transfers start): lets a view follow the chip's state.
+  std::function<void()> after_transaction;
 };
 
 class SimRegisterChip : public SimChip {

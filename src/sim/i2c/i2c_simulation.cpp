@@ -72,4 +72,11 @@ void I2CSimulation::add_chip_controls(const std::string& name, SimChip& chip) {
   corrupt.attributes_for_update().detail = "True: every byte the chip sends arrives damaged.";
   corrupt.set(false);
   corrupt.listen([&chip, &corrupt] { chip.corrupt = corrupt.get(); });
+  if (auto* clock = dynamic_cast<SimSI5351*>(&chip)) {
+    auto& output = node.add<ValueField<double>>("output_hz", 0.0);
+    output.set_readonly(true);
+    output.attributes_for_update().units = "Hz";
+    output.attributes_for_update().detail = "Output 0's frequency as the chip's registers program it.";
+    clock->after_transaction = [clock, &output] { output.set(clock->output_hz()); };
+  }
 }

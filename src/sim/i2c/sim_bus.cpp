@@ -32,7 +32,10 @@ bool SimBus::transfer(std::span<I2CMessage> messages) {
     if (m.read && chip->corrupt)
       for (uint16_t i = 0; i < m.length; ++i) m.data[i] ^= 0x5A;
   }
-  for (auto* chip : addressed) chip->stop();
+  for (auto* chip : addressed) {
+    chip->stop();
+    if (chip->after_transaction) chip->after_transaction();
+  }
   return acknowledged;
 }
 
