@@ -267,6 +267,13 @@ TEST(EEPROM, OneCorruptedCopyIsRepairedOnceAndNothingGoodLeftCannotBeRecovered) 
   EXPECT_EQ(eeprom.repairs().get(), 1u) << "a sound record needs no repair";
 
   LogCapture log;
+  board.set("bus/simulation/eeprom/corrupt", "true");  // damaged on the way, sound on the chip
+  auto writes = chip.page_writes();
+  EXPECT_FALSE(eeprom.redundantReadRepair(address, back));
+  EXPECT_EQ(chip.page_writes(), writes) << "nothing damaged in transit is written back";
+  board.set("bus/simulation/eeprom/corrupt", "false");
+  ASSERT_TRUE(eeprom.redundantReadRepair(address, back));
+
   for (int copy = 0; copy < EEPROM::kCopies; ++copy) chip.poke(address + copy * EEPROM::kBank + 3, 0xEE);
   EXPECT_FALSE(eeprom.redundantReadRepair(address, back));
   EXPECT_TRUE(logged(log, "Error: Unable to recover data"));

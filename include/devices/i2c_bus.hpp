@@ -28,6 +28,8 @@
 class I2CBus : public Component {
  public:
   static constexpr std::size_t kMaxMessage = 64;
+  // Sends without stop held for one address before further ones are refused.
+  static constexpr std::size_t kMaxHeld = 8;
 
   explicit I2CBus(const VTree& config);
   ~I2CBus() override;

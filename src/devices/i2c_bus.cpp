@@ -121,7 +121,12 @@ bool I2CBus::send(uint8_t address, const uint8_t* bytes, std::size_t length, boo
   }
   if (!request_fits(length, bytes)) return false;
   if (!stop) {
-    held_[address].emplace_back(bytes, bytes + length);
+    auto& held = held_[address];
+    if (held.size() >= kMaxHeld) {
+      ZEL_ERROR("{} sends without stop to {} wait for a transfer; this one is refused", held.size(), address);
+      return false;
+    }
+    held.emplace_back(bytes, bytes + length);
     return true;
   }
   std::vector<uint8_t> copy(bytes, bytes + length);
