@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include <fmt/format.h>
 
@@ -415,6 +416,28 @@ TEST(Touch, FT5X26ReportsTheInjectedTouchPoint) {
   EXPECT_EQ(touch.y().get(), 567u);
   panel.release();
   ASSERT_TRUE(wait_until([&] { return touch.touches().get() == 0; }));
+}
+
+// ---- The demo board ------------------------------------------------------
+
+TEST(DemoBoard, DemoCarriesEveryChipOnASimulatedBusAndEachAnswers) {
+  std::ifstream in(std::string(ZEL_SOURCE_DIR) + "/examples/demo.xml");
+  std::string xml((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  Root::reset_configuration_errors();
+  auto root = FormatXML::instance().build(xml);
+  ASSERT_TRUE(root);
+  EXPECT_EQ(Root::configuration_errors(), 0u);
+  std::set<std::string> types;
+  for (auto& child : at<I2CBus>(*root, "board_i2c").children()) {
+    auto* chip = dynamic_cast<I2CSlave*>(child.get());
+    if (!chip) continue;
+    types.insert(chip->type());
+    if (auto* eeprom = dynamic_cast<EEPROM*>(chip)) EXPECT_EQ(eeprom->test_read_write(), "");
+    else chip->poll();
+    EXPECT_FALSE(chip->faults().raised()) << chip->path() << ": " << chip->faults().field().get();
+  }
+  EXPECT_EQ(types, (std::set<std::string>{"EEPROM", "FT5X26", "IDScreen", "OLED64", "PCA9536", "PCF8574", "SI5351",
+                                          "US2066"}));
 }
 
 }  // namespace
