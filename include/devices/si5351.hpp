@@ -7,6 +7,8 @@
 // test writes its text to `alarm` on "test" and at the poll rate (default
 // 1 Hz; 0 stops it).
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -53,5 +55,9 @@ class SI5351 : public I2CSlave, public Context {
   ChoiceField& clock_;
   ValueField<std::string>& alarm_;
   std::atomic<bool> started_{false};
+  // The sleep before programming ends early only when the node stops.
+  std::mutex sleep_mutex_;
+  std::condition_variable wake_;
+  bool stopping_ = false;  // guarded by sleep_mutex_
   std::atomic<unsigned> initializations_{0};
 };

@@ -1,7 +1,6 @@
 #include "devices/si5351.hpp"
 
 #include <chrono>
-#include <thread>
 
 ZEL_REGISTER_NODE("si5351", SI5351);
 
@@ -66,7 +65,12 @@ void SI5351::start() {
 
 void SI5351::stop(StopStage stage) {
   I2CSlave::stop(stage);
-  if (stage == StopStage::Stop0) started_ = false;
+  if (stage == StopStage::Stop0) {
+    started_ = false;
+    std::lock_guard lock(sleep_mutex_);
+    stopping_ = true;
+    wake_.notify_all();
+  }
   if (stage == StopStage::Stop1) stop_context();
 }
 
@@ -88,7 +92,10 @@ bool SI5351::initialize(std::string_view selection) {
     ~Count() { ++n; }
   } count{initializations_};
   // The chip needs this long after power-up before it takes its registers.
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  {
+    std::unique_lock lock(sleep_mutex_);
+    if (wake_.wait_for(lock, std::chrono::milliseconds(500), [this] { return stopping_; })) return false;
+  }
   Parameters p = parameters(selection);
   uint8_t value = 0;
   auto write_all = [this](std::initializer_list<std::pair<uint8_t, uint8_t>> regs) {
