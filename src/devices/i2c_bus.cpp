@@ -1,5 +1,7 @@
 #include "devices/i2c_bus.hpp"
 
+#include <array>
+
 #include "core/clock.hpp"
 #include "core/log.hpp"
 #include "std/i2c_dev.hpp"
@@ -129,8 +131,8 @@ bool I2CBus::send(uint8_t address, const uint8_t* bytes, std::size_t length, boo
     held.emplace_back(bytes, bytes + length);
     return true;
   }
-  std::vector<uint8_t> copy(bytes, bytes + length);
-  return transfer_locked(address, {address, false, copy.data(), static_cast<uint16_t>(length)});
+  // A transport only reads the bytes of a write message.
+  return transfer_locked(address, {address, false, const_cast<uint8_t*>(bytes), static_cast<uint16_t>(length)});
 }
 
 bool I2CBus::receive(uint8_t address, uint8_t* buffer, std::size_t length, bool stop) {
@@ -146,15 +148,14 @@ bool I2CBus::receive_byte(uint8_t address, uint8_t& out) { return receive(addres
 
 // The held sends to `address`, then `last`, as one transaction.
 bool I2CBus::transfer_locked(uint8_t address, I2CMessage last) {
-  std::vector<I2CMessage> messages;
+  std::array<I2CMessage, kMaxHeld + 1> messages;
+  std::size_t count = 0;
   auto held = held_.find(address);
-  if (held != held_.end()) {
-    for (auto& bytes : held->second)
-      messages.push_back({address, false, bytes.data(), static_cast<uint16_t>(bytes.size())});
-  }
-  messages.push_back(last);
-  bool ok = transport_->transfer(messages);
-  if (held != held_.end()) held_.erase(held);
+  if (held != held_.end())
+    for (auto& bytes : held->second) messages[count++] = {address, false, bytes.data(), static_cast<uint16_t>(bytes.size())};
+  messages[count++] = last;
+  bool ok = transport_->transfer({messages.data(), count});
+  if (held != held_.end()) held->second.clear();  // kept: the next held send reuses it
   return ok;
 }
 
