@@ -8,7 +8,8 @@ I2CSlave::I2CSlave(const VTree& config)
     : Component(config), address_(add_setting<ValueField<unsigned int>>(config, "address")), faults_(*this) {
   address_.set_readonly(true);
   address_.attributes_for_update().detail = "The chip's 7-bit slave address.";
-  if (address_.get() > 0x7F) throw ConfigError(config.path() + ": address " + std::to_string(address_.get()) + " is not a 7-bit address");
+  if (address_.get() > 0x7F)
+    throw ConfigError(config.path() + ": address " + std::to_string(address_.get()) + " is not a 7-bit address");
 }
 
 void I2CSlave::init() {
