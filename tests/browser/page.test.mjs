@@ -1,6 +1,6 @@
 // The operator page in Debian's Chromium against the real program: it loads,
 // shows live values, sets values and says why a set is refused, presses
-// buttons after asking, and colours the interlock overview.
+// buttons after asking, colours the interlock overview, and draws I2C chips.
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { cpSync, mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
@@ -27,6 +27,10 @@ const CONFIG = `<root label="Browser Test Rig">
   </channels>
   <gen type="signal_generator" label="Test signal" enabled="false"/>
   <interlocks><door type="digital_io" label="Door closed" color="green" value="true"/></interlocks>
+  <i2c type="i2c_bus" device="sim">
+    <display type="us2066" address="60" lines="2" row_0="Hello" row_1="Rig"><poll rate="20"/></display>
+    <port type="pcf8574" address="32" command="15"><poll rate="20"/></port>
+  </i2c>
 </root>`;
 
 let dataRoot, profile, zel, base, browser, page;
@@ -197,4 +201,19 @@ test("the interlock overview follows each interlock's colour", async () => {
   await shows(tile, "TRIPPED");
   await shows(page.locator("#interlock-summary"), "Interlocks: TRIPPED");
   assert.equal(await tile.getAttribute("data-color"), "red");
+});
+
+test("a chip's panel draws its display and shows its fault while it does not answer", async () => {
+  await page.goto(`${base}/#/i2c/display`);
+  await shows(page.locator(".oled-row"), "Hello");
+  await put("i2c/display/upsidedown", "true");
+  await page.locator(".oled-glass.flipped").waitFor();
+  await page.goto(`${base}/#/i2c/port`);
+  await page.locator(".pin.high").first().waitFor();
+  assert.equal(await page.locator(".pin.high").count(), 4);  // latch 0x0F: the four low pins high
+  await shows(page.locator(".chip-fault"), "Answering");
+  await put("i2c/simulation/port/answering", "false");
+  await shows(page.locator(".chip-fault.raised"), "I2C read failure: readState()");
+  await put("i2c/simulation/port/answering", "true");
+  await shows(page.locator(".chip-fault:not(.raised)"), "Answering");
 });

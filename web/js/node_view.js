@@ -1,6 +1,7 @@
 // The main view: one node with its values, actions and parts.
 import * as api from "./api.js";
 import { h, title } from "./dom.js";
+import { chipView } from "./chip_views.js";
 import { actionButton, fieldRow, liveValue } from "./fields.js";
 
 function breadcrumb(path) {
@@ -65,6 +66,8 @@ export async function showNode(container, path, live, { showHidden }) {
       node.readonly ? h("span", { class: "badge" }, "read-only") : null),
     node.detail ? h("p", { class: "node-detail" }, node.detail) : null,
   ];
+  const chip = chipView(node, live, stops);
+  if (chip) sections.push(chip);
   if (values.children.length) sections.push(h("section", { class: "panel" }, h("h2", {}, "Values"), values));
   if (node.buttons.length) {
     sections.push(h("section", { class: "panel" }, h("h2", {}, "Actions"),
@@ -74,7 +77,7 @@ export async function showNode(container, path, live, { showHidden }) {
     sections.push(h("section", { class: "panel" }, h("h2", {}, "Parts"),
       h("div", { class: "cards" }, parts.map((p) => partCard(p, live, stops)))));
   }
-  if (sections.length === 3 && !node.detail) sections.push(h("div", { class: "empty" }, "This node has no values of its own."));
+  if (sections.length === 3 && !node.detail && !chip) sections.push(h("div", { class: "empty" }, "This node has no values of its own."));
   container.replaceChildren(...sections.filter(Boolean));
   return () => stops.forEach((stop) => stop());
 }
