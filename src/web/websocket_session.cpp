@@ -104,7 +104,7 @@ void WebsocketSession::on_wake() {
     return;
   }
   if (timer_armed_) return;
-  auto due = last_push_ + shared_->limits().push_interval;
+  auto due = last_push_ + shared_->limits().push_spacing;
   if (std::chrono::steady_clock::now() >= due) return push();
   timer_armed_ = true;
   push_timer_.expires_at(due);
