@@ -584,6 +584,32 @@ TEST_F(WebServerTest, AHugeMessageClosesOnlyThatConnection) {
   EXPECT_TRUE(other.receive_containing("[[9,", 5s));
 }
 
+TEST_F(WebServerTest, PushesToAClientAreAtLeastThePushSpacingApart) {
+  start(R"(<t type="analog_io" value="0"/>)", R"(push_spacing="200")");
+  web_client::WebSocketClient client(io, port);
+  client.send(R"({"event":"subscribe","data":{"t/value":1}})");
+  ASSERT_TRUE(client.receive(5s));
+  // 50 changes over about half a second: at most one push per 200 ms.
+  auto begin = std::chrono::steady_clock::now();
+  for (int i = 1; i <= 50; ++i) {
+    at<AnalogIO>(*root, "t").set(i);
+    std::this_thread::sleep_for(10ms);
+  }
+  auto changing = std::chrono::steady_clock::now() - begin;
+  int pushes = 0;
+  bool got_last = false;
+  while (auto message = client.receive(1s)) {
+    ++pushes;
+    if (message->find("[[50,") != std::string::npos) {
+      got_last = true;
+      break;
+    }
+  }
+  EXPECT_TRUE(got_last);
+  EXPECT_GE(pushes, 2);
+  EXPECT_LE(pushes, 2 + changing / 200ms) << "pushes came closer than the spacing";
+}
+
 TEST_F(WebServerTest, AStalledClientDelaysNobodyAndIsSentOnlyTheLatestValue) {
   start(R"(<big type="string_io"/><t type="analog_io" value="0"/>)", R"(threads="1")");
   // The stalled client reads nothing while 200 large values are pushed at it.

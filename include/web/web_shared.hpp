@@ -17,7 +17,7 @@
 class Root;
 
 struct WebLimits {
-  static constexpr std::chrono::microseconds kDefaultPushSpacing{1000};
+  static constexpr std::chrono::microseconds kDefaultPushSpacing{2000};
 
   size_t http_body_max = 1u << 20;        // a request body above this gets 413
   size_t http_header_max = 16u << 10;     // request headers above this get 431
