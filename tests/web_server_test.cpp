@@ -447,6 +447,18 @@ TEST(WebHttpApi, OtherMethodsGet405AndALogLine) {
 // ------------------------------------------------------- server on sockets
 
 namespace {
+// The messages a client receives up to the first that holds `part` (that one
+// counted), each within `wait` of the one before; nothing if it never comes.
+std::optional<int> messages_until(web_client::WebSocketClient& client, std::string_view part,
+                                  std::chrono::milliseconds wait) {
+  int count = 0;
+  while (auto message = client.receive(wait)) {
+    ++count;
+    if (message->find(part) != std::string::npos) return count;
+  }
+  return std::nullopt;
+}
+
 class WebServerTest : public ::testing::Test {
  protected:
   void start(const std::string& inner = "", const std::string& server_settings = "") {
@@ -596,18 +608,10 @@ TEST_F(WebServerTest, PushesToAClientAreAtLeastThePushSpacingApart) {
     std::this_thread::sleep_for(10ms);
   }
   auto changing = std::chrono::steady_clock::now() - begin;
-  int pushes = 0;
-  bool got_last = false;
-  while (auto message = client.receive(1s)) {
-    ++pushes;
-    if (message->find("[[50,") != std::string::npos) {
-      got_last = true;
-      break;
-    }
-  }
-  EXPECT_TRUE(got_last);
-  EXPECT_GE(pushes, 2);
-  EXPECT_LE(pushes, 2 + changing / 200ms) << "pushes came closer than the spacing";
+  auto pushes = messages_until(client, "[[50,", 1s);
+  ASSERT_TRUE(pushes) << "the last value never came";
+  EXPECT_GE(*pushes, 2);
+  EXPECT_LE(*pushes, 2 + changing / 200ms) << "pushes came closer than the spacing";
 }
 
 TEST_F(WebServerTest, AStalledClientDelaysNobodyAndIsSentOnlyTheLatestValue) {
@@ -627,17 +631,9 @@ TEST_F(WebServerTest, AStalledClientDelaysNobodyAndIsSentOnlyTheLatestValue) {
   ASSERT_TRUE(fast.receive_containing("[[42,", 5s));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 500ms);
 
-  int messages = 0;
-  bool got_final = false;
-  while (auto message = stalled.receive(2s)) {
-    ++messages;
-    if (message->find("[[\"final\",") != std::string::npos) {
-      got_final = true;
-      break;
-    }
-  }
-  EXPECT_TRUE(got_final);
-  EXPECT_LT(messages, 100) << "intermediate values are skipped, not queued";
+  auto messages = messages_until(stalled, "[[\"final\",", 2s);
+  ASSERT_TRUE(messages) << "the final value never came";
+  EXPECT_LT(*messages, 100) << "intermediate values are skipped, not queued";
 }
 
 TEST_F(WebServerTest, AThousandWebSocketClientsAreAllServed) {
