@@ -1,6 +1,7 @@
 // The cost of assigning an IO value that one listener watches.
 #include <benchmark/benchmark.h>
 
+#include "core/clock.hpp"
 #include "core/io/io.hpp"
 
 namespace {
@@ -26,5 +27,16 @@ void BM_AnalogIOSetUnchanged(benchmark::State& state) {
   for (auto _ : state) io.set(1.0);
 }
 BENCHMARK(BM_AnalogIOSetUnchanged);
+
+// What a stamp costs against a read of the steady clock, side by side.
+void BM_StampClockRead(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(Clock::cached_ns());
+}
+BENCHMARK(BM_StampClockRead);
+
+void BM_SteadyClockRead(benchmark::State& state) {
+  for (auto _ : state) benchmark::DoNotOptimize(Clock::steady_ns());
+}
+BENCHMARK(BM_SteadyClockRead);
 
 }  // namespace

@@ -1,9 +1,14 @@
 // Change-to-client latency of WebSocket pushes: N clients on 127.0.0.1, each
 // subscribed to the same M fields; the benchmark sets one field every P
 // milliseconds (round robin) to the steady-clock time of the set, and every
-// client measures, per pushed sample, how long ago that was.
+// client measures, per pushed sample, how long ago that was. The server's
+// push spacing is a parameter, so cadences compare side by side in one run,
+// with the server's CPU time per delivered sample: the process's CPU time
+// less the clients' reading thread.
 #include <benchmark/benchmark.h>
+#include <pthread.h>
 #include <stdlib.h>
+#include <time.h>
 
 #include <algorithm>
 #include <charconv>
@@ -22,12 +27,19 @@
 #include "std/paths.hpp"
 #include "std/process_limits.hpp"
 #include "web/web_server.hpp"
+#include "web/web_shared.hpp"
 
 namespace {
 
 namespace wc = web_client;
 
 double steady_ms() { return static_cast<double>(Clock::steady_ns()) / 1e6; }
+
+double cpu_seconds(clockid_t clock) {
+  timespec t{};
+  ::clock_gettime(clock, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) / 1e9;
+}
 
 double percentile(std::vector<double>& sorted, double p) {
   if (sorted.empty()) return 0;
@@ -52,13 +64,19 @@ class LatencyReaders {
     thread_.join();
   }
   // Samples of values set from now on count.
-  void start_measuring() { since_ms_ = steady_ms(); }
+  void start_measuring() {
+    since_ms_ = steady_ms();
+    cpu_start_ = cpu_seconds(CLOCK_PROCESS_CPUTIME_ID) - reader_cpu_seconds();
+  }
   std::vector<double> stop_and_take() {
+    server_cpu_ = cpu_seconds(CLOCK_PROCESS_CPUTIME_ID) - reader_cpu_seconds() - cpu_start_;
     io_.stop();
     thread_.join();
     thread_ = std::thread([] {});
     return std::move(latencies_);
   }
+  // CPU seconds of everything but the clients between start and stop.
+  double server_cpu() const { return server_cpu_; }
 
  private:
   void arm(size_t i) {
@@ -70,6 +88,11 @@ class LatencyReaders {
       buffers_[i].consume(buffers_[i].size());
       arm(i);
     });
+  }
+
+  double reader_cpu_seconds() {
+    clockid_t clock;
+    return ::pthread_getcpuclockid(thread_.native_handle(), &clock) == 0 ? cpu_seconds(clock) : 0.0;
   }
 
   // Every sample "[[value," of a push; the value is the set's time. A scan,
@@ -89,6 +112,8 @@ class LatencyReaders {
   std::deque<wc::beast::flat_buffer> buffers_;
   std::vector<double> latencies_;
   std::atomic<double> since_ms_{0};
+  double cpu_start_ = 0;
+  double server_cpu_ = 0;
   std::thread thread_;
 };
 
@@ -96,13 +121,15 @@ void BM_WebPushLatency(benchmark::State& state) {
   const int clients = static_cast<int>(state.range(0));
   const int fields = static_cast<int>(state.range(1));
   const auto period = std::chrono::milliseconds(state.range(2));
+  const auto spacing_ms = static_cast<double>(state.range(3)) / 1000.0;
   raise_open_file_limit();
   Log::set_level(LogLevel::Warning);
   std::string dir_pattern = (std::filesystem::temp_directory_path() / "zel-bench-XXXXXX").string();
   std::string dir = mkdtemp(dir_pattern.data());
   Paths::set_data_root(dir);
 
-  std::string xml = R"(<root><web_server type="web_server" port="0"/><f type="component">)";
+  std::string xml = R"(<root><web_server type="web_server" port="0" push_spacing=")" + std::to_string(spacing_ms) +
+                    R"("/><f type="component">)";
   for (int i = 0; i < fields; ++i) xml += "<v" + std::to_string(i) + R"( type="analog_io" value="0"/>)";
   xml += "</f></root>";
   auto root = FormatXML::instance().build(xml);
@@ -134,14 +161,31 @@ void BM_WebPushLatency(benchmark::State& state) {
     state.counters["p99_ms"] = percentile(latencies, 0.99);
     state.counters["max_ms"] = latencies.empty() ? 0 : latencies.back();
     state.counters["samples"] = static_cast<double>(latencies.size());
+    state.counters["cpu_us_per_sample"] = latencies.empty() ? 0 : readers.server_cpu() * 1e6 / static_cast<double>(latencies.size());
   }
   root.reset();
   std::filesystem::remove_all(dir);
   Log::set_level(LogLevel::Info);
 }
+// Arguments: clients, fields, milliseconds between two sets, push spacing in
+// microseconds. 10,000 us is the earlier fixed cadence, the comparison run;
+// 1,000 us shows what a shorter spacing costs.
 // 100 clients x 100 fields, a change every millisecond (each field at 10 Hz): 3 s.
-BENCHMARK(BM_WebPushLatency)->Args({100, 100, 1})->Iterations(3000)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WebPushLatency)
+    ->ArgNames({"clients", "fields", "period_ms", "spacing_us"})
+    ->Args({100, 100, 1, 10000})
+    ->Args({100, 100, 1, WebLimits::kDefaultPushSpacing.count()})
+    ->Args({100, 100, 1, 1000})
+    ->Iterations(3000)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 // 1000 clients on one field changing at 5 Hz: 3 s.
-BENCHMARK(BM_WebPushLatency)->Args({1000, 1, 200})->Iterations(15)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_WebPushLatency)
+    ->ArgNames({"clients", "fields", "period_ms", "spacing_us"})
+    ->Args({1000, 1, 200, 10000})
+    ->Args({1000, 1, 200, WebLimits::kDefaultPushSpacing.count()})
+    ->Iterations(15)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

@@ -33,6 +33,45 @@ TEST(IO, EveryChangeGetsAStampAfterThePreviousOne) {
   EXPECT_GE(io.stamp(), first + 1'000'000'000ULL);
 }
 
+TEST(Clock, StampsFollowTheSteadyClockAndMoveOnlyForwardWhenTheWallClockSteps) {
+  ManualClockScope time(1'000'000'000'000ULL);
+  auto start = Clock::cached_ns();
+  time.clock.step_wall_ns(-3'600'000'000'000LL);  // an hour back
+  time.clock.advance(0.5);
+  EXPECT_EQ(Clock::cached_ns(), start + 500'000'000ULL) << "a step alone does not move stamps";
+  Clock::reset_reference();
+  EXPECT_EQ(Clock::cached_ns(), start + 500'000'000ULL) << "nor does a reset after a step back";
+  time.clock.step_wall_ns(7'200'000'000'000LL);  // an hour ahead of the start
+  Clock::reset_reference();
+  EXPECT_EQ(Clock::cached_ns(), time.clock.wall_ns()) << "a reset after a step forward follows it";
+}
+
+TEST(Clock, StampsNeverGoBackAcrossThreadsWhileTheReferenceIsReset) {
+  // Each stamp is published; a stamp taken after seeing another must not be
+  // smaller. The real clocks, with the reference taken again and again by
+  // the stamping threads themselves.
+  std::atomic<uint64_t> latest{0};
+  std::atomic<int> backwards{0};
+  std::vector<std::thread> stampers;
+  for (int t = 0; t < 3; ++t) {
+    stampers.emplace_back([&] {
+      for (int i = 0; i < 300'000; ++i) {
+        if (i % 8 == 0) Clock::reset_reference();
+        uint64_t seen = latest.load(std::memory_order_acquire);
+        uint64_t mine = Clock::cached_ns();
+        if (mine < seen) backwards.fetch_add(1);
+        while (mine > seen && !latest.compare_exchange_weak(seen, mine, std::memory_order_acq_rel)) {
+        }
+      }
+    });
+  }
+  for (auto& s : stampers) s.join();
+  EXPECT_EQ(backwards.load(), 0);
+  uint64_t wall = Clock::wall_ns();
+  EXPECT_LE(latest.load(), wall);
+  EXPECT_GT(latest.load(), wall - 1'000'000'000ULL) << "stamps are wall-clock nanoseconds";
+}
+
 TEST(IO, ConfiguredValueCountsAsAssignment) {
   VTree config("s");
   config.set("value", "hello world");

@@ -64,6 +64,23 @@ TEST(Lifecycle, PollRunsOnTheContextAtItsRateAndEndsAtStop) {
   EXPECT_EQ(r.polls, after_stop);
 }
 
+TEST(Lifecycle, PollRateOfZeroStopsPollingAndAHugeRateIsClampedNotSpun) {
+  LogCapture log;
+  auto root = FormatXML::instance().build(
+      R"(<root><still type="recorder"><poll rate="0"/></still><fast type="recorder"><poll rate="1e12"/></fast></root>)");
+  root->initialize();
+  auto& still = static_cast<Recorder&>(*root->find_path("still"));
+  auto& fast = static_cast<Recorder&>(*root->find_path("fast"));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  root->stop_all();
+  EXPECT_EQ(still.polls, 0);
+  // At the shortest period, 100 us, 200 ms hold at most 2000 polls; a
+  // spinning thread makes millions.
+  EXPECT_GT(fast.polls, 0);
+  EXPECT_LE(fast.polls, 2000);
+  EXPECT_TRUE(log.contains("a period of 0 ns is out of range; the job runs every 100000 ns"));
+}
+
 TEST(Lifecycle, PulseCountsAtItsRate) {
   auto root = FormatXML::instance().build(R"(<root><pulse rate="100"/></root>)");
   root->initialize();

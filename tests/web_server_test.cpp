@@ -447,6 +447,18 @@ TEST(WebHttpApi, OtherMethodsGet405AndALogLine) {
 // ------------------------------------------------------- server on sockets
 
 namespace {
+// The messages a client receives up to the first that holds `part` (that one
+// counted), each within `wait` of the one before; nothing if it never comes.
+std::optional<int> messages_until(web_client::WebSocketClient& client, std::string_view part,
+                                  std::chrono::milliseconds wait) {
+  int count = 0;
+  while (auto message = client.receive(wait)) {
+    ++count;
+    if (message->find(part) != std::string::npos) return count;
+  }
+  return std::nullopt;
+}
+
 class WebServerTest : public ::testing::Test {
  protected:
   void start(const std::string& inner = "", const std::string& server_settings = "") {
@@ -584,6 +596,24 @@ TEST_F(WebServerTest, AHugeMessageClosesOnlyThatConnection) {
   EXPECT_TRUE(other.receive_containing("[[9,", 5s));
 }
 
+TEST_F(WebServerTest, PushesToAClientAreAtLeastThePushSpacingApart) {
+  start(R"(<t type="analog_io" value="0"/>)", R"(push_spacing="200")");
+  web_client::WebSocketClient client(io, port);
+  client.send(R"({"event":"subscribe","data":{"t/value":1}})");
+  ASSERT_TRUE(client.receive(5s));
+  // 50 changes over about half a second: at most one push per 200 ms.
+  auto begin = std::chrono::steady_clock::now();
+  for (int i = 1; i <= 50; ++i) {
+    at<AnalogIO>(*root, "t").set(i);
+    std::this_thread::sleep_for(10ms);
+  }
+  auto changing = std::chrono::steady_clock::now() - begin;
+  auto pushes = messages_until(client, "[[50,", 1s);
+  ASSERT_TRUE(pushes) << "the last value never came";
+  EXPECT_GE(*pushes, 2);
+  EXPECT_LE(*pushes, 2 + changing / 200ms) << "pushes came closer than the spacing";
+}
+
 TEST_F(WebServerTest, AStalledClientDelaysNobodyAndIsSentOnlyTheLatestValue) {
   start(R"(<big type="string_io"/><t type="analog_io" value="0"/>)", R"(threads="1")");
   // The stalled client reads nothing while 200 large values are pushed at it.
@@ -601,17 +631,9 @@ TEST_F(WebServerTest, AStalledClientDelaysNobodyAndIsSentOnlyTheLatestValue) {
   ASSERT_TRUE(fast.receive_containing("[[42,", 5s));
   EXPECT_LT(std::chrono::steady_clock::now() - t0, 500ms);
 
-  int messages = 0;
-  bool got_final = false;
-  while (auto message = stalled.receive(2s)) {
-    ++messages;
-    if (message->find("[[\"final\",") != std::string::npos) {
-      got_final = true;
-      break;
-    }
-  }
-  EXPECT_TRUE(got_final);
-  EXPECT_LT(messages, 100) << "intermediate values are skipped, not queued";
+  auto messages = messages_until(stalled, "[[\"final\",", 2s);
+  ASSERT_TRUE(messages) << "the final value never came";
+  EXPECT_LT(*messages, 100) << "intermediate values are skipped, not queued";
 }
 
 TEST_F(WebServerTest, AThousandWebSocketClientsAreAllServed) {

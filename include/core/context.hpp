@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace boost::asio {
@@ -32,9 +33,17 @@ class Context {
   bool in_context() const;
 
   void post(Job job);
+  // Periods every() keeps to: a shorter one (zero included) would keep the
+  // thread busy, a longer one overflow the timer; both are logged and clamped.
+  static constexpr std::chrono::nanoseconds kShortestPeriod = std::chrono::microseconds(100);
+  static constexpr std::chrono::nanoseconds kLongestPeriod = std::chrono::hours(24 * 365);
+
   // Runs `job` every `period`, first after one period. Late runs are not
   // caught up: a run that overruns its period skips the missed ones.
   TimerId every(std::chrono::nanoseconds period, Job job);
+  // The period of a job run `hz` times a second, for every(); nothing for a
+  // rate that asks for no runs (zero, negative, NaN).
+  static std::optional<std::chrono::nanoseconds> period_of(double hz);
   void cancel(TimerId id);
   void cancel_all();
 

@@ -6,7 +6,9 @@
 // ("Web server listening on port N").
 //
 // Settings: "port", "address" (default "0.0.0.0", every interface),
-// "threads" (network threads, default one per core up to 4).
+// "threads" (network threads, default one per core up to 4), "push_spacing"
+// (milliseconds, the shortest time between two pushes to one WebSocket
+// client; 0 pushes every change at once, at most 1000).
 // Fields for clients: "port", "http_sessions", "websocket_sessions".
 //
 // It listens from start() to stop0, which closes every connection; the
@@ -33,6 +35,7 @@ class WebServer : public Component {
   ValueField<int>& port_;
   ValueField<std::string>& address_;
   ValueField<int>& threads_;
+  ValueField<double>& push_spacing_;
   ValueField<unsigned int>& http_sessions_;
   ValueField<unsigned int>& websocket_sessions_;
   std::unique_ptr<Running> running_;

@@ -17,13 +17,15 @@
 class Root;
 
 struct WebLimits {
+  static constexpr std::chrono::microseconds kDefaultPushSpacing{2000};
+
   size_t http_body_max = 1u << 20;        // a request body above this gets 413
   size_t http_header_max = 16u << 10;     // request headers above this get 431
   size_t http_pipeline_max = 8;           // replies queued before reading pauses
   std::chrono::seconds http_timeout{30};  // to read a request or write a reply
   size_t websocket_message_max = 1u << 20;  // a bigger message closes the connection (1009)
   std::chrono::seconds websocket_idle_timeout{60};  // pinged at half, closed when silent
-  std::chrono::milliseconds push_interval{10};      // the shortest time between two pushes
+  std::chrono::microseconds push_spacing = kDefaultPushSpacing;  // the shortest time between two pushes
   size_t subscriptions_max = 100000;      // per WebSocket session
 };
 

@@ -3,18 +3,18 @@
 // reads client messages into its ClientProtocol and pushes the changes of
 // the fields the client watches. All of it runs on the connection's strand.
 //
-// Pushes: a field change anywhere wakes the session through its PushTrigger;
-// a push pass then runs at once, or when kPushInterval has passed since the
-// last push, whichever is later. One write is in flight at a time; changes
-// that arrive meanwhile are collected by the next pass, which reads the
-// fields' latest values. So a slow client never builds a backlog: what it
-// misses are intermediate values of a field that changed again before the
-// client took the previous push (history subscriptions keep the last 64).
+// Pushes: a field change anywhere asks, through the session's PushTrigger,
+// for the next push round of the session's network thread (PushRounds, which
+// keeps the server's push spacing). One write is in flight at a time; a round
+// that comes meanwhile is answered once the write completes, by asking for
+// the next one. The pass reads the fields' latest values, so a slow client
+// never builds a backlog: what it misses are intermediate values of a field
+// that changed again before the client took the previous push (history
+// subscriptions keep the last 64).
 #include <chrono>
 #include <memory>
 #include <string>
 
-#include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
@@ -23,6 +23,7 @@
 #include "web/client_protocol.hpp"
 #include "web/web_stream.hpp"
 
+class PushRounds;
 class WebShared;
 
 class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
@@ -34,13 +35,15 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
 
   // Completes the upgrade that `request` asked for; on the connection's strand.
   void run(Request request);
+  // A push round of its network thread has come (PushRounds).
+  void on_round();
 
  private:
   void on_accept(boost::beast::error_code ec);
   void do_read();
   void on_read(boost::beast::error_code ec, size_t bytes);
-  void on_wake();
-  void on_push_timer(boost::beast::error_code ec);
+  void push_in_strand();
+  void ask_for_round();
   void push();
   void on_write(boost::beast::error_code ec, size_t bytes);
   void end();
@@ -52,11 +55,9 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
   ClientProtocol protocol_;
   uint64_t registration_ = 0;
 
+  PushRounds& rounds_;
   std::string out_;               // the push being written
   bool writing_ = false;          // a push is in flight
-  bool push_wanted_ = false;      // another pass is due when the write completes
+  bool push_wanted_ = false;      // a round came while writing: ask again when done
   bool ended_ = false;
-  boost::asio::steady_timer push_timer_;
-  bool timer_armed_ = false;
-  std::chrono::steady_clock::time_point last_push_{};
 };

@@ -1,134 +1,95 @@
 #include "core/clock.hpp"
 
-#include <pthread.h>
+#include <time.h>
 
-#include <atomic>
-#include <mutex>
+#include <algorithm>
 #include <chrono>
-#include <thread>
+#include <limits>
+#include <mutex>
 
 namespace {
 
+constexpr int64_t kNoReference = std::numeric_limits<int64_t>::min();
+
 std::atomic<Clock::Source*> source{nullptr};
-std::atomic<uint64_t> reference_wall{0};
-std::atomic<uint64_t> reference_steady{0};
-std::atomic<uint64_t> cached{0};
-// Serialises refreshes against a change of source, so a tick computed from the
+// Wall clock minus steady clock at the reference, in nanoseconds.
+std::atomic<int64_t> wall_offset{kNoReference};
+// Serialises resets against a change of source, so an offset taken from the
 // old source never lands after the switch.
-std::mutex refresh_mutex;
+std::mutex reference_mutex;
 
-uint64_t system_steady() {
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   std::chrono::steady_clock::now().time_since_epoch())
-                                   .count());
-}
-uint64_t system_wall() {
-  return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
-                                   std::chrono::system_clock::now().time_since_epoch())
-                                   .count());
+uint64_t nanoseconds(const timespec& t) {
+  return static_cast<uint64_t>(t.tv_sec) * 1'000'000'000ULL + static_cast<uint64_t>(t.tv_nsec);
 }
 
-void refresh_locked();
-void reset_reference_locked();
-
-// A replaced time source only moves when its owner advances it.
-void tick() {
-  std::lock_guard lock(refresh_mutex);
-  if (!source.load(std::memory_order_acquire)) refresh_locked();
+// The kernel's time as of its last tick: no counter is read, so where the
+// vDSO serves it this is a few loads from its data page.
+uint64_t coarse_steady() {
+  timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return nanoseconds(now);
 }
 
-uint64_t compute_stamp() {
-  uint64_t steady = Clock::steady_ns();
-  return reference_wall.load(std::memory_order_relaxed) + steady -
-         reference_steady.load(std::memory_order_relaxed);
+uint64_t stamp_steady() {
+  auto* s = source.load(std::memory_order_acquire);
+  return s ? s->steady_ns() : coarse_steady();
 }
 
-// Refreshes the cached stamp every millisecond for the life of the process.
-class Ticker {
- public:
-  Ticker() {
-    {
-      std::lock_guard lock(refresh_mutex);
-      reset_reference_locked();
-    }
-    thread_ = std::thread([this] {
-      pthread_setname_np(pthread_self(), "clock");
-      while (!stop_.load(std::memory_order_relaxed)) {
-        tick();
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-      }
-    });
-  }
-  ~Ticker() {
-    stop_ = true;
-    thread_.join();
-  }
+// The wall clock is read first: a delay between the two reads can only make
+// the offset smaller, never put stamps ahead of the wall clock.
+int64_t current_offset() {
+  auto wall = static_cast<int64_t>(Clock::wall_ns());
+  auto steady = static_cast<int64_t>(Clock::steady_ns());
+  return wall - steady;
+}
 
- private:
-  std::atomic<bool> stop_{false};
-  std::thread thread_;
-};
+// The offset only grows: a stamp taken after another (on any thread) is
+// never smaller, whatever the wall clock did in between.
+int64_t advance_offset_locked() {
+  int64_t offset = std::max(wall_offset.load(std::memory_order_relaxed), current_offset());
+  wall_offset.store(offset, std::memory_order_release);
+  return offset;
+}
 
-void ensure_ticker() {
-  static Ticker ticker;
+int64_t first_offset() {
+  std::lock_guard lock(reference_mutex);
+  return advance_offset_locked();
 }
 
 }  // namespace
 
 uint64_t Clock::steady_ns() {
   auto* s = source.load(std::memory_order_acquire);
-  return s ? s->steady_ns() : system_steady();
+  return s ? s->steady_ns()
+           : static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                       std::chrono::steady_clock::now().time_since_epoch())
+                                       .count());
 }
 
 uint64_t Clock::wall_ns() {
   auto* s = source.load(std::memory_order_acquire);
-  return s ? s->wall_ns() : system_wall();
+  return s ? s->wall_ns()
+           : static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::nanoseconds>(
+                                       std::chrono::system_clock::now().time_since_epoch())
+                                       .count());
 }
 
 uint64_t Clock::cached_ns() {
-  uint64_t now = cached.load(std::memory_order_relaxed);
-  if (now == 0) [[unlikely]] {
-    ensure_ticker();
-    now = cached.load(std::memory_order_relaxed);
-  }
-  return now;
-}
-
-namespace {
-void refresh_locked() {
-  uint64_t stamp = compute_stamp();
-  // Stamps never go backwards, also not across a reference reset.
-  uint64_t prev = cached.load(std::memory_order_relaxed);
-  while (stamp > prev && !cached.compare_exchange_weak(prev, stamp, std::memory_order_relaxed)) {
-  }
-  if (prev == 0 && stamp == 0) cached.store(1, std::memory_order_relaxed);
-}
-
-void reset_reference_locked() {
-  reference_steady.store(Clock::steady_ns(), std::memory_order_relaxed);
-  reference_wall.store(Clock::wall_ns(), std::memory_order_relaxed);
-  refresh_locked();
-}
-}  // namespace
-
-void Clock::refresh() {
-  std::lock_guard lock(refresh_mutex);
-  refresh_locked();
+  uint64_t steady = stamp_steady();
+  int64_t offset = wall_offset.load(std::memory_order_acquire);
+  if (offset == kNoReference) [[unlikely]]
+    offset = first_offset();
+  uint64_t stamp = steady + static_cast<uint64_t>(offset);
+  return stamp ? stamp : 1;
 }
 
 void Clock::reset_reference() {
-  // The ticker must run before the cached stamp is set: cached_ns() starts it
-  // only while the stamp is still zero.
-  ensure_ticker();
-  std::lock_guard lock(refresh_mutex);
-  reset_reference_locked();
+  std::lock_guard lock(reference_mutex);
+  advance_offset_locked();
 }
 
 void Clock::set_source(Source* s) {
-  ensure_ticker();
-  std::lock_guard lock(refresh_mutex);
+  std::lock_guard lock(reference_mutex);
   source.store(s, std::memory_order_release);
-  // A new time line: the cached stamp follows the new source from here on.
-  cached.store(0, std::memory_order_relaxed);
-  reset_reference_locked();
+  wall_offset.store(current_offset(), std::memory_order_release);
 }

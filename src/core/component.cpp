@@ -1,7 +1,5 @@
 #include "core/component.hpp"
 
-#include <cmath>
-
 #include "core/log.hpp"
 
 ZEL_REGISTER_NODE("component", Component);
@@ -53,10 +51,10 @@ void Component::schedule_poll() {
   if (!poll_->started || !poll_->context) return;
   if (poll_->timer) poll_->context->cancel(poll_->timer);
   poll_->timer = 0;
-  double rate = poll_->rate->get();
-  if (!(rate > 0.0) || !std::isfinite(rate)) return;
-  auto period = std::chrono::nanoseconds(static_cast<int64_t>(1e9 / rate));
-  poll_->timer = poll_->context->every(period, [this] { poll(); });
+  // A rate of zero (or below, or not a number) stops polling.
+  auto period = Context::period_of(poll_->rate->get());
+  if (!period) return;
+  poll_->timer = poll_->context->every(*period, [this] { poll(); });
 }
 
 void Component::stop(StopStage stage) {

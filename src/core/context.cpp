@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -109,7 +110,21 @@ void Context::post(Job job) {
   boost::asio::post(impl_->io, [impl = impl_.get(), job = std::move(job)] { impl->run_job(job); });
 }
 
+std::optional<std::chrono::nanoseconds> Context::period_of(double hz) {
+  if (!(hz > 0.0)) return std::nullopt;
+  // Bounded only so that the conversion cannot overflow (1 / hz is +inf for
+  // the smallest rates); every() logs and clamps what is out of its range.
+  double seconds = std::min(1.0 / hz, 2 * std::chrono::duration<double>(kLongestPeriod).count());
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
+}
+
 Context::TimerId Context::every(std::chrono::nanoseconds period, Job job) {
+  if (period < kShortestPeriod || period > kLongestPeriod) {
+    auto clamped = std::clamp(period, kShortestPeriod, kLongestPeriod);
+    ZEL_WARN("Context {}: a period of {} ns is out of range; the job runs every {} ns", impl_->name, period.count(),
+             clamped.count());
+    period = clamped;
+  }
   auto p = std::make_shared<Impl::Periodic>(impl_->io, period, std::move(job));
   p->timer.expires_after(period);
   TimerId id;

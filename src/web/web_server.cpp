@@ -1,6 +1,7 @@
 #include "web/web_server.hpp"
 
 #include <algorithm>
+#include <cmath>
 #include <thread>
 
 #include <boost/asio/ip/address.hpp>
@@ -28,8 +29,24 @@ struct WebServer::Running {
 
 namespace {
 
+constexpr double kMaxPushSpacingMs = 1000.0;
+
 int default_threads() {
   return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
+}
+
+// The limits the sessions follow, from the settings; a spacing out of range
+// is logged and clamped.
+WebLimits limits_from(double push_spacing_ms) {
+  WebLimits limits;
+  double spacing = push_spacing_ms;
+  if (!(spacing >= 0.0 && spacing <= kMaxPushSpacingMs)) {
+    spacing = std::isnan(spacing) ? 0.0 : std::clamp(spacing, 0.0, kMaxPushSpacingMs);
+    ZEL_ERROR("Push spacing {} ms is outside 0 to {} ms; {} ms is used", push_spacing_ms, kMaxPushSpacingMs, spacing);
+  }
+  limits.push_spacing =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::duration<double, std::milli>(spacing));
+  return limits;
 }
 
 template <class T>
@@ -46,6 +63,7 @@ WebServer::WebServer(const VTree& config)
       port_(add_setting<ValueField<int>>(config, "port")),
       address_(add_setting<ValueField<std::string>>(config, "address")),
       threads_(add_setting<ValueField<int>>(config, "threads")),
+      push_spacing_(add_setting<ValueField<double>>(config, "push_spacing")),
       http_sessions_(client_field<unsigned int>(*this, "http_sessions")),
       websocket_sessions_(client_field<unsigned int>(*this, "websocket_sessions")) {
   describe("Web Server", "Services HTTP and WebSocket requests for the system.", "applications");
@@ -53,9 +71,14 @@ WebServer::WebServer(const VTree& config)
   port_.set_readonly(true);
   address_.set_readonly(true);
   threads_.set_readonly(true);
+  push_spacing_.set_readonly(true);
+  push_spacing_.attributes_for_update().units = "ms";
   if (!address_.assigned()) address_.set("0.0.0.0");
   if (!threads_.assigned()) threads_.set(default_threads());
+  if (!push_spacing_.assigned())
+    push_spacing_.set(std::chrono::duration<double, std::milli>(WebLimits::kDefaultPushSpacing).count());
 }
+
 
 WebServer::~WebServer() { shut_down(); }
 
@@ -78,7 +101,7 @@ void WebServer::start() {
   raise_open_file_limit();
 
   auto running = std::make_unique<Running>();
-  running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), WebLimits{},
+  running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), limits_from(push_spacing_.get()),
                                                 WebShared::Counters{&http_sessions_, &websocket_sessions_});
   int threads = std::clamp(threads_.get(), 1, 64);
   std::vector<net::io_context*> ios;

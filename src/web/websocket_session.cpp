@@ -1,11 +1,12 @@
 #include "web/websocket_session.hpp"
 
-#include <boost/asio/post.hpp>
+#include <boost/asio/dispatch.hpp>
 #include <boost/beast/core/bind_handler.hpp>
 #include <boost/beast/websocket/error.hpp>
 
 #include "core/log.hpp"
 #include "core/root.hpp"
+#include "web/push_rounds.hpp"
 #include "web/web_shared.hpp"
 
 namespace beast = boost::beast;
@@ -40,7 +41,7 @@ WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebSha
       shared_(std::move(shared)),
       trigger_(std::make_shared<PushTrigger>()),
       protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
-      push_timer_(ws_.get_executor()) {
+      rounds_(boost::asio::use_service<PushRounds>(ws_.get_executor().get_inner_executor().context())) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
 }
 
@@ -68,10 +69,8 @@ void WebsocketSession::on_accept(beast::error_code ec) {
     if (!is_disconnect(ec)) ZEL_ERROR("WebSocket upgrade failed: {}", ec.message());
     return;
   }
-  trigger_->set_wake([weak = weak_from_this(), executor = ws_.get_executor()] {
-    net::post(executor, [weak] {
-      if (auto self = weak.lock()) self->on_wake();
-    });
+  trigger_->set_wake([weak = weak_from_this(), rounds = &rounds_, spacing = shared_->limits().push_spacing] {
+    rounds->request(weak, spacing);
   });
   registration_ = shared_->websocket_opened(trigger_);
   do_read();
@@ -97,24 +96,23 @@ void WebsocketSession::on_read(beast::error_code ec, size_t) {
   do_read();
 }
 
-void WebsocketSession::on_wake() {
+void WebsocketSession::on_round() {
+  // Rounds run on the io_context's thread, outside the connection's strand.
+  net::dispatch(ws_.get_executor(), beast::bind_front_handler(&WebsocketSession::push_in_strand, shared_from_this()));
+}
+
+void WebsocketSession::push_in_strand() {
   if (ended_) return;
   if (writing_) {
     push_wanted_ = true;
     return;
   }
-  if (timer_armed_) return;
-  auto due = last_push_ + shared_->limits().push_interval;
-  if (std::chrono::steady_clock::now() >= due) return push();
-  timer_armed_ = true;
-  push_timer_.expires_at(due);
-  push_timer_.async_wait(beast::bind_front_handler(&WebsocketSession::on_push_timer, shared_from_this()));
+  push();
 }
 
-void WebsocketSession::on_push_timer(beast::error_code ec) {
-  timer_armed_ = false;
-  if (ec || ended_) return;
-  push();
+void WebsocketSession::ask_for_round() {
+  push_wanted_ = false;
+  rounds_.request(weak_from_this(), shared_->limits().push_spacing);
 }
 
 void WebsocketSession::push() {
@@ -123,11 +121,10 @@ void WebsocketSession::push() {
   // Subscriptions the pass did not reach are visited by the next one.
   if (!pass.complete) push_wanted_ = true;
   if (!pass.wrote) {
-    if (push_wanted_) net::post(ws_.get_executor(), beast::bind_front_handler(&WebsocketSession::on_wake, shared_from_this()));
+    if (push_wanted_) ask_for_round();
     return;
   }
   writing_ = true;
-  last_push_ = std::chrono::steady_clock::now();
   ws_.text(true);
   ws_.async_write(net::buffer(out_), beast::bind_front_handler(&WebsocketSession::on_write, shared_from_this()));
 }
@@ -138,11 +135,10 @@ void WebsocketSession::on_write(beast::error_code ec, size_t) {
     if (!is_disconnect(ec)) ZEL_ERROR("write {}", ec.message());
     return end();
   }
-  if (push_wanted_) on_wake();
+  if (push_wanted_) ask_for_round();
 }
 
 void WebsocketSession::end() {
   ended_ = true;
   trigger_->cut();
-  push_timer_.cancel();
 }
