@@ -88,4 +88,5 @@ class PRUICSS : public CtxComp {
   uint64_t packets_ = 0;
   uint64_t unrouted_ = 0;
   uint64_t last_status_ns_ = 0;
+  unsigned faulted_reads_ = 0;
 };

@@ -26,6 +26,10 @@ namespace {
 constexpr double kDefaultPollHz = 1000;
 constexpr uint64_t kStatusPeriodNs = 100'000'000;  // core fields at 10 Hz
 constexpr int kHandshakeTries = 21;
+// A bad packet stays in the chain until the firmware writes past it, and the
+// inbox retries it on every read. After this many failed reads in a row
+// (about a second at the default poll rate) the subsystem is restarted.
+constexpr unsigned kFaultedReadsBeforeRestart = 1000;
 
 void sleep_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
@@ -213,7 +217,14 @@ void PRUICSS::update_status() {
 void PRUICSS::poll() {
   if (restart_requested_) restart();
   if (!inbox_) return;
+  uint64_t faults = inbox_->faults();
   inbox_->read([this](const PacketView& packet) { dispatch(packet); });
+  faulted_reads_ = inbox_->faults() != faults ? faulted_reads_ + 1 : 0;
+  if (faulted_reads_ >= kFaultedReadsBeforeRestart) {
+    ZEL_ERROR("PRU inbox failed {} reads in a row; restarting the subsystem", faulted_reads_);
+    faulted_reads_ = 0;
+    request_restart();
+  }
   uint64_t now = Clock::steady_ns();
   if (now - last_status_ns_ >= kStatusPeriodNs) {
     last_status_ns_ = now;
