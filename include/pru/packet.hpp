@@ -39,6 +39,10 @@ inline uint32_t word_at(const uint8_t* p) {
 // Sum of the low half-words of `words` 32-bit words starting at `p`.
 uint16_t checksum(const uint8_t* payload, size_t words);
 
+// Copies a packet of `size` bytes from `from` to `to` and returns the
+// checksum of its payload, in one pass over the source.
+uint16_t copy_and_checksum(uint8_t* to, const uint8_t* from, size_t size);
+
 // The checksum of a packet of `size` bytes starting at `packet`.
 inline uint16_t packet_checksum(const uint8_t* packet, size_t size) {
   return size < kHeaderSize ? 0 : checksum(packet + kHeaderSize, (size - kHeaderSize) / 4);

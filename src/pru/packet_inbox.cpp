@@ -12,6 +12,7 @@ using device_memory::read32;
 using device_memory::write32;
 namespace layout = inbox_layout;
 
+
 PacketInbox::PacketInbox(uint8_t* header, uint8_t* region, size_t region_size, uint64_t region_physical)
     : header_(header), region_(region), region_size_(region_size), region_physical_(region_physical) {
   if (header_) read_index_ = read32(header_, layout::kTail);
@@ -56,12 +57,19 @@ bool PacketInbox::take(uint32_t offset) {
     bytes_ = std::move(bigger);
     bytes_capacity_ = capacity;
   }
-  // Bulk copy first, then checksum the copy: what is delivered is exactly
-  // what was verified, whatever the firmware does to the region meanwhile.
+  // The checksum is taken of the words as they are copied: what is
+  // delivered is exactly what was verified, whatever the firmware does to
+  // the region meanwhile.
   uint8_t* copy = bytes_.get() + bytes_used_;
-  std::memcpy(copy, region_ + offset, size);
-  uint16_t computed = pru_packet::packet_checksum(copy, size);
+  uint16_t computed = pru_packet::copy_and_checksum(copy, region_ + offset, size);
   PacketView view({copy, size});
+  // The walk goes from newer to older packets, against the direction the
+  // caches prefetch in. The firmware writes packets one after another, and
+  // neighbours tend to have the same size: fetch the bytes a few packets
+  // back while this one is handled.
+  constexpr size_t kPrefetchPackets = 8;
+  if (offset >= kPrefetchPackets * size)
+    for (size_t line = 0; line < size; line += 64) __builtin_prefetch(region_ + offset - kPrefetchPackets * size + line);
   if (computed != view.stored_checksum()) {
     ZEL_ERROR("Failed checksum {:x} != {:x}", computed, view.stored_checksum());
     return false;
