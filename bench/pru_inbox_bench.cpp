@@ -123,7 +123,7 @@ void BM_PruInboxLatency(benchmark::State& state) {
   state.counters["p99_us"] = at(0.99);
   state.counters["max_us"] = delays_us.back();
 }
-BENCHMARK(BM_PruInboxLatency)->Arg(1000)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PruInboxLatency)->Arg(1000)->Arg(2000)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 // The CPU the poll costs while no packet comes: process CPU time over wall
 // time, with the bench's own thread asleep.
@@ -148,6 +148,6 @@ void BM_PruIdlePollCpu(benchmark::State& state) {
   state.counters["cpu_percent_of_one_core"] = 100.0 * cpu / wall;
   state.counters["polls_per_s"] = static_cast<double>(polls) / wall;
 }
-BENCHMARK(BM_PruIdlePollCpu)->Arg(1000)->Arg(500)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(BM_PruIdlePollCpu)->Arg(2000)->Arg(1000)->Arg(500)->Iterations(1)->Unit(benchmark::kMillisecond)->UseRealTime();
 
 }  // namespace
