@@ -16,20 +16,13 @@
 #include "pru/device_memory.hpp"
 #include "pru/inbox_layout.hpp"
 #include "pru/packet_inbox.hpp"
-#include "sim/pru/packet_writer.hpp"
+#include "sim/pru/inbox_memory.hpp"
 
 namespace {
 
 namespace il = inbox_layout;
 
-struct Inbox {
-  std::vector<uint32_t> header = std::vector<uint32_t>(il::kHeaderSize / 4);
-  std::vector<uint32_t> region = std::vector<uint32_t>(il::kRegionBytes / 4);
-  uint8_t* header_bytes() { return reinterpret_cast<uint8_t*>(header.data()); }
-  uint8_t* region_bytes() { return reinterpret_cast<uint8_t*>(region.data()); }
-  PacketWriter writer{header_bytes(), region_bytes(), il::kRegionBytes};
-  PacketInbox inbox{header_bytes(), region_bytes(), il::kRegionBytes, 0};
-};
+using Inbox = InboxMemory;
 
 // As many packets of `size` bytes as fit one read (the cap, or the region).
 size_t batch_for(size_t size) { return std::min<size_t>(PacketInbox::kMaxBatch, il::kRegionBytes / size - 1); }

@@ -20,6 +20,7 @@
 #include "pru/pru_sample_io.hpp"
 #include "pru/pruicss.hpp"
 #include "pru/subsystem_layout.hpp"
+#include "sim/pru/inbox_memory.hpp"
 #include "sim/pru/pru_simulation.hpp"
 #include "std/paths.hpp"
 #include "tree_access.hpp"
@@ -53,16 +54,8 @@ bool payload_consistent(std::span<const uint8_t> payload, uint32_t& seq) {
   return std::equal(payload.begin(), payload.end(), expected.begin());
 }
 
-// Shared RAM header and packet region in process memory, a firmware writer
-// and the host's inbox over them.
-struct InboxOverMemory {
-  std::vector<uint32_t> header = std::vector<uint32_t>(il::kHeaderSize / 4);
-  std::vector<uint32_t> region = std::vector<uint32_t>(il::kRegionBytes / 4);
-  uint8_t* header_bytes() { return reinterpret_cast<uint8_t*>(header.data()); }
-  uint8_t* region_bytes() { return reinterpret_cast<uint8_t*>(region.data()); }
-  PacketWriter writer{header_bytes(), region_bytes(), il::kRegionBytes};
-  PacketInbox inbox{header_bytes(), region_bytes(), il::kRegionBytes, 0x9F800000};
-
+// The inbox over process memory, enabled.
+struct InboxOverMemory : InboxMemory {
   InboxOverMemory() { inbox.enable(); }
 
   std::vector<std::vector<uint8_t>> read() {
@@ -96,7 +89,7 @@ TEST(PruPacket, ChecksumSumsOnlyTheLowHalfOfEachPayloadWord) {
 
 TEST(PruInbox, DeliversNewPacketsOldestFirstOnceAndOnlyWhileEnabled) {
   InboxOverMemory m;
-  EXPECT_EQ(m.header[il::kRegionBase / 4], 0x9F800000u) << "the firmware learns where the region is";
+  EXPECT_EQ(m.header[il::kRegionBase / 4], InboxMemory::kRegionPhysical) << "the firmware learns where the region is";
   EXPECT_EQ(m.header[il::kRegionSize / 4], il::kRegionBytes);
   EXPECT_TRUE(m.read().empty()) << "tail equal to the read index";
 
