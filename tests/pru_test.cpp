@@ -1,12 +1,14 @@
 // PRU link: the packet checksum, the inbox read algorithm against a firmware
 // packet writer (also a concurrent one at full speed), and the subsystem node
 // over a simulated subsystem sharing only the mapped files: restart sequence,
-// stuck handshake, program load.
+// stuck handshake, program load, and a host process killed and replaced
+// while the firmware goes on.
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <cstring>
 #include <random>
+#include <regex>
 #include <thread>
 #include <vector>
 
@@ -25,6 +27,7 @@
 #include "std/paths.hpp"
 #include "tree_access.hpp"
 #include "wait_until.hpp"
+#include "web_client.hpp"
 #include "zel_process.hpp"
 
 namespace {
@@ -269,4 +272,48 @@ TEST_F(PruSubsystem, MissingProgramFileLeavesTheMemoryClearedAndTheCoreStopped) 
   for (size_t at = 0; at < pl::kCoreMemorySize; at += 4) cleared &= device_memory::read32(iram, at) == 0;
   EXPECT_TRUE(cleared);
   EXPECT_EQ(pru().core(1).state(), "stopped");
+}
+
+// The real program as the host, the model in this process as the firmware:
+// they share nothing but the two files.
+TEST(PruAcrossProcesses, AKilledHostLeavesTheFirmwareWritingAndTheNextHostRestartsAndReceives) {
+  TempDir dir;
+  Paths::set_data_root(dir.path().string());
+  SubsystemModel::install_images(Paths::bin_dir());
+  std::filesystem::create_directories(dir.path() / "pru");
+  SubsystemModel model({dir / "pru/s.mem", dir / "pru/s.mem.region", 200});
+  ASSERT_EQ(model.error(), "");
+  model.start();
+  dir.write("config/system.xml", R"(<root><web_server type="web_server"/>
+      <pru type="pru_icss" device="pru/s.mem"><pru0 program="sampler"/><pru1 program="idle"/>
+      <wave type="pru_sample_io"/></pru></root>)");
+  auto enabled = [&] {
+    auto t = model.trace();
+    return std::find(t.begin(), t.end(), "inbox enabled") != t.end();
+  };
+  {
+    ZelProcess host(ZEL_BINARY, ZelProcess::arguments_for(dir));
+    ASSERT_TRUE(wait_until(enabled));
+    host.signal(SIGKILL);
+    host.wait_exit(std::chrono::seconds(10));
+  }
+  auto written = model.packets_written();
+  EXPECT_TRUE(wait_until([&] { return model.packets_written() > written + 20; }))
+      << "the firmware writes on without a host";
+
+  model.clear_trace();
+  ZelProcess next(ZEL_BINARY, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(next.wait_for("Web server listening on port"));
+  std::smatch port;
+  auto log = next.error_text();
+  ASSERT_TRUE(std::regex_search(log, port, std::regex("listening on port ([0-9]+)")));
+  ASSERT_TRUE(wait_until(enabled));
+  auto trace = model.trace();
+  ASSERT_GE(trace.size(), 2u);
+  EXPECT_EQ(trace[0], "standby request");
+  auto packets = [&] {
+    auto reply = web_client::get(static_cast<uint16_t>(std::stoi(port[1])), "/io/pru/wave/packets.json");
+    return reply.status == 200 ? std::stoull(reply.body) : 0ull;
+  };
+  EXPECT_TRUE(wait_until([&] { return packets() > 5; })) << "the next host receives";
 }
