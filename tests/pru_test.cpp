@@ -254,7 +254,7 @@ TEST_F(PruSubsystem, StuckHandshakeFailsTheRestartAndALaterPollSucceeds) {
   EXPECT_EQ(pru().core(0).state(), "running");
 }
 
-TEST_F(PruSubsystem, MissingProgramFileLeavesTheMemoryClearedAndTheCoreStopped) {
+TEST_F(PruSubsystem, MissingOrInvalidProgramLeavesTheMemoryClearedAndTheCoreStopped) {
   LogCapture log;
   build("", "missing");
   ASSERT_TRUE(wait_until([&] { return pru().is_running(); }));
@@ -272,6 +272,12 @@ TEST_F(PruSubsystem, MissingProgramFileLeavesTheMemoryClearedAndTheCoreStopped) 
   for (size_t at = 0; at < pl::kCoreMemorySize; at += 4) cleared &= device_memory::read32(iram, at) == 0;
   EXPECT_TRUE(cleared);
   EXPECT_EQ(pru().core(1).state(), "stopped");
+
+  // A program is a name in the bin folder, never a path out of it.
+  root_->set_field_as_user("admin", "pru/pru1/program", "\"../../etc/passwd\"");
+  at<ButtonField>(*root_, "pru/pru1/program_button").press();
+  EXPECT_TRUE(wait_until([&] { return log.contains("Error: PRU 1: invalid program name '../../etc/passwd'"); }));
+  EXPECT_FALSE(log.contains("fopen " + Paths::bin_dir() + "../"));
 }
 
 // The real program as the host, the model in this process as the firmware:

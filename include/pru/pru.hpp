@@ -3,7 +3,10 @@
 // program images ("<data root>/bin/" + program + "_app.bin" into instruction
 // RAM at "ioffset", "_data.bin" into data RAM at "doffset"), starts and stops
 // the core through its CONTROL register (at "coffset") and shows the core's
-// state, program counter, stall counter and timeslice lengths.
+// state, program counter, stall counter and timeslice lengths. The offsets
+// are configuration only; one that lies outside the mapped subsystem is
+// logged and not used. "program" is a name (letters, digits, '_', '-', '.'),
+// never a path.
 #include <string>
 
 #include "core/component.hpp"
@@ -31,7 +34,9 @@ class PRU : public Component {
 
  private:
   PRUICSS* subsystem() const;
+  // The core's control registers; null when unmapped or outside the map.
   uint8_t* control() const;
+  bool inside_map(unsigned int offset, size_t bytes) const;
   bool load_image(const std::string& path, unsigned int offset);
 
   ValueField<int>& index_;

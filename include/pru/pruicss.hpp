@@ -48,6 +48,7 @@ class PRUICSS : public CtxComp {
   // cores and for drivers that keep their own structures there (a transmit
   // ring). Accesses go through pru/device_memory.hpp.
   uint8_t* memory() const { return subsystem_.data(); }
+  size_t memory_size() const { return subsystem_.size(); }
   std::span<uint8_t> shared_ram() const;
   PacketInbox& inbox() { return *inbox_; }
 

@@ -1,6 +1,7 @@
 #include "pru/pru.hpp"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
@@ -66,9 +67,9 @@ PRU::PRU(const VTree& config, int index)
 
   described(state_, "State", "The state of the PRU");
   described(index_, "Core", "Which PRU core this is");
-  described(ioffset_, "Instruction offset", "Offset of the core's instruction memory in the subsystem map.", false);
-  described(doffset_, "Data offset", "Offset of the core's data memory in the subsystem map.", false);
-  described(coffset_, "Control offset", "Offset of the core's control registers in the subsystem map.", false);
+  described(ioffset_, "Instruction offset", "Offset of the core's instruction memory in the subsystem map.");
+  described(doffset_, "Data offset", "Offset of the core's data memory in the subsystem map.");
+  described(coffset_, "Control offset", "Offset of the core's control registers in the subsystem map.");
   described(program_, "Program", "The program files to be loaded", false);
   described(program_counter_, "Program Counter", "This field reflects the instruction the PRU application is on.");
   described(stall_counter_, "Stall Counter",
@@ -93,16 +94,35 @@ PRU::PRU(const VTree& config, int index)
 
 PRUICSS* PRU::subsystem() const { return dynamic_cast<PRUICSS*>(parent()); }
 
-uint8_t* PRU::control() const {
+bool PRU::inside_map(unsigned int offset, size_t bytes) const {
   auto* s = subsystem();
-  return s && s->memory() ? s->memory() + coffset_.get() : nullptr;
+  return s && s->memory() && offset % 4 == 0 && offset <= s->memory_size() && bytes <= s->memory_size() - offset;
 }
 
+uint8_t* PRU::control() const {
+  return inside_map(coffset_.get(), pl::kStall + 4) ? subsystem()->memory() + coffset_.get() : nullptr;
+}
+
+namespace {
+
+// A program is named, not given as a path: the images stay in the bin folder.
+bool valid_program_name(const std::string& name) {
+  if (name.empty() || name.front() == '.') return false;
+  return std::all_of(name.begin(), name.end(),
+                     [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-' || c == '.'; });
+}
+
+}  // namespace
+
 bool PRU::load_image(const std::string& path, unsigned int offset) {
-  uint8_t* memory = subsystem() ? subsystem()->memory() : nullptr;
-  if (!memory) return false;
-  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
+  if (!inside_map(offset, pl::kCoreMemorySize)) {
+    ZEL_ERROR("{}: memory offset {:#x} lies outside the subsystem map", label(), offset);
+    return false;
+  }
+  uint8_t* memory = subsystem()->memory();
   for (size_t at = 0; at < pl::kCoreMemorySize; at += 4) write32(memory, offset + at, 0);
+  if (path.empty()) return false;
+  std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), &std::fclose);
   if (!file) {
     ZEL_ERROR("fopen {}: {}", path, std::strerror(errno));
     return false;
@@ -123,9 +143,14 @@ bool PRU::load_image(const std::string& path, unsigned int offset) {
 }
 
 void PRU::load() {
-  std::string base = Paths::bin_dir() + program_.get();
-  load_image(base + "_app.bin", ioffset_.get());
-  load_image(base + "_data.bin", doffset_.get());
+  std::string name = program_.get();
+  std::string base = Paths::bin_dir() + name;
+  if (!valid_program_name(name)) {
+    ZEL_ERROR("{}: invalid program name '{}'", label(), name);
+    base.clear();  // the memories are cleared, nothing is loaded
+  }
+  load_image(base.empty() ? "" : base + "_app.bin", ioffset_.get());
+  load_image(base.empty() ? "" : base + "_data.bin", doffset_.get());
   loaded_ = true;
   update();
 }
@@ -169,7 +194,7 @@ void PRU::update() {
   state_.set(s);
   program_counter_.set(read32(c, pl::kStatus) & 0xFFFFu);
   stall_counter_.set(read32(c, pl::kStall));
-  if (s != "running") return;
+  if (s != "running" || !inside_map(doffset_.get(), pl::kCoreMemorySize)) return;
   double slice = read32(subsystem()->memory() + doffset_.get(), pl::kTimesliceWord) / pl::kCoreClockHz;
   cycle_time_.set(slice);
   recent_max_[recent_at_++ % std::size(recent_max_)] = slice;
