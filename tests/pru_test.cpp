@@ -254,6 +254,19 @@ TEST_F(PruSubsystem, StuckHandshakeFailsTheRestartAndALaterPollSucceeds) {
   EXPECT_EQ(pru().core(0).state(), "running");
 }
 
+TEST_F(PruSubsystem, APacketThatStaysBadRestartsTheSubsystemAndPacketsFlowAgain) {
+  LogCapture log;
+  build("");
+  auto& wave = at<PRUSampleIO>(*root_, "pru/wave");
+  ASSERT_TRUE(wait_until([&] { return wave.value().assigned(); }));
+  at<ButtonField>(*root_, "sim/bad_checksum_button").press();
+  ASSERT_TRUE(wait_until([&] { return log.contains("Error: PRU inbox failed 1000 reads in a row"); }));
+  EXPECT_TRUE(log.contains("Error: Failed checksum"));
+  auto packets = at<ValueField<unsigned long long>>(*root_, "pru/wave/packets").get();
+  EXPECT_TRUE(wait_until([&] { return at<ValueField<unsigned long long>>(*root_, "pru/wave/packets").get() > packets + 5; }));
+  EXPECT_GE(pru().inbox().faults(), 1000u);
+}
+
 TEST_F(PruSubsystem, MissingOrInvalidProgramLeavesTheMemoryClearedAndTheCoreStopped) {
   LogCapture log;
   build("", "missing");
