@@ -159,10 +159,10 @@ bool PRU::start_core() {
   uint8_t* c = control();
   if (!c) return false;
   write32(c, pl::kControl, pl::kControlRun);
-  // The run state follows within a few core cycles on the chip; allow the
-  // simulated subsystem a few milliseconds.
+  // The run state follows within a few core cycles on the chip; a simulated
+  // subsystem on a busy machine may take a while.
   bool runs = false;
-  for (int i = 0; i < 20 && !runs; ++i) {
+  for (int i = 0; i < 100 && !runs; ++i) {
     runs = read32(c, pl::kControl) & pl::kControlRunState;
     if (!runs) std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }

@@ -57,7 +57,9 @@ class SubsystemModel {
   void stop();
 
   void set_packet_rate(double per_second) { rate_ = per_second; }
-  void set_stuck_handshake(bool stuck) { stuck_ = stuck; }
+  // A stuck master port shows its wait bit at once, also before the model's
+  // thread runs, so a host that starts right after sees it.
+  void set_stuck_handshake(bool stuck);
   // The next sampler packet carries this fault.
   void inject(PacketWriter::Fault fault) { fault_ = static_cast<int>(fault); }
   // Writes `packets` short packets at once, published by one `tail` store.

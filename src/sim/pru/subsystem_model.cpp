@@ -92,6 +92,14 @@ void SubsystemModel::stop() {
   if (thread_.joinable()) thread_.join();
 }
 
+void SubsystemModel::set_stuck_handshake(bool stuck) {
+  stuck_ = stuck;
+  if (stuck && subsystem_.mapped()) {
+    uint8_t* mem = subsystem_.data();
+    write32(mem, pl::kSysCfg, read32(mem, pl::kSysCfg) | pl::kSysCfgMasterWait);
+  }
+}
+
 std::vector<std::string> SubsystemModel::trace() const {
   std::lock_guard lock(trace_mutex_);
   return trace_;
