@@ -115,6 +115,7 @@ bool valid_program_name(const std::string& name) {
 }  // namespace
 
 bool PRU::load_image(const std::string& path, unsigned int offset) {
+  if (!subsystem() || !subsystem()->memory()) return false;  // "PRU shared memory not mapped" was logged
   if (!inside_map(offset, pl::kCoreMemorySize)) {
     ZEL_ERROR("{}: memory offset {:#x} lies outside the subsystem map", label(), offset);
     return false;
