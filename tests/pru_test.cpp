@@ -267,6 +267,20 @@ TEST_F(PruSubsystem, APacketThatStaysBadRestartsTheSubsystemAndPacketsFlowAgain)
   EXPECT_GE(pru().inbox().faults(), 1000u);
 }
 
+TEST_F(PruSubsystem, AnUnmappableDeviceIsReportedAndTheNodeStaysIdle) {
+  LogCapture log;
+  root_ = FormatXML::instance().build(R"(<root><pru type="pru_icss" device="pru/absent.mem"/></root>)");
+  ASSERT_TRUE(root_);
+  root_->initialize();
+  EXPECT_TRUE(log.contains("Error: PRU shared memory not mapped: open " + (dir_ / "pru/absent.mem")));
+  at<ButtonField>(*root_, "pru/pru0/program_button").press();
+  at<ButtonField>(*root_, "pru/restart_button").press();
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // polls and button jobs run meanwhile
+  EXPECT_FALSE(pru().is_running());
+  EXPECT_EQ(pru().core(0).state(), "uninitialized");
+  EXPECT_TRUE(pru().shared_ram().empty());
+}
+
 TEST_F(PruSubsystem, MissingOrInvalidProgramLeavesTheMemoryClearedAndTheCoreStopped) {
   LogCapture log;
   build("", "missing");
