@@ -40,7 +40,7 @@ install: build
 clean:
 	rm -rf $(BUILD)
 
-# Quality gates (README, "Quality gates"): each builds in a folder of its own.
+# Quality gates (docs/quality-gates.md): each builds in a folder of its own.
 test-asan: setup
 	JOBS=$(JOBS) scripts/test-sanitized.sh address,undefined build-asan
 

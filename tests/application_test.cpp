@@ -67,6 +67,15 @@ std::string harmless_reboot(const TempDir& dir, double seconds = 0) {
   return dir / "reboot.sh";
 }
 
+// A terminated instance stops in order and exits 0.
+void expect_plain_stop(ZelProcess& zel) {
+  zel.signal(SIGTERM);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+}
+
+// The program file's watch is set up right after "Initialized".
+void wait_for_the_watch() { std::this_thread::sleep_for(300ms); }
+
 std::vector<std::string> with(std::vector<std::string> arguments, std::initializer_list<std::string> more) {
   arguments.insert(arguments.end(), more);
   return arguments;
@@ -99,12 +108,12 @@ TEST(ApplicationStart, NoConfigurationGivesAnEmptyRootAndAStalePidFileIsOverwrit
   EXPECT_THAT(zel.error_text(), HasSubstr("PID:" + std::to_string(zel.pid())));
   EXPECT_EQ(dir.read("zel.pid"), std::to_string(zel.pid()));
   EXPECT_THAT(zel.output_text(), Not(HasSubstr("already running")));
-  zel.signal(SIGTERM);
-  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  expect_plain_stop(zel);
   EXPECT_THAT(zel.error_text(), HasSubstr("\rZEL INTERUPTED (15)\n"));
 }
 
 TEST(ApplicationStart, AnOlderInstanceInThePidFileIsKilledAndReplaced) {
+  ZEL_SKIP_UNDER_EMULATION("an emulated program's process runs the emulator, so it is not known as this program");
   TempDir dir;
   ZelProcess older(kProgram, ZelProcess::arguments_for(dir));
   ASSERT_TRUE(older.wait_for("Initialized"));
@@ -116,6 +125,60 @@ TEST(ApplicationStart, AnOlderInstanceInThePidFileIsKilledAndReplaced) {
   ASSERT_TRUE(newer.wait_for("Initialized"));
   EXPECT_EQ(newer.output_text(), "ZEL already running, killing existing process\n");
   EXPECT_EQ(dir.read("zel.pid"), std::to_string(newer.pid()));
+}
+
+TEST(ApplicationStart, APidFileNamingAnotherProgramOrPlantedAsALinkEndsNothingAndIsReplaced) {
+  TempDir dir;
+  pid_t unrelated = ::fork();
+  if (unrelated == 0) {
+    ::pause();
+    ::_exit(0);
+  }
+  dir.write("zel.pid", std::to_string(unrelated));
+  {
+    ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+    ASSERT_TRUE(zel.wait_for("Initialized"));
+    EXPECT_THAT(zel.error_text(), HasSubstr("names process " + std::to_string(unrelated) + " ("));
+    EXPECT_THAT(zel.error_text(), HasSubstr("which is not this program: left alone"));
+    EXPECT_THAT(zel.output_text(), Not(HasSubstr("already running")));
+    EXPECT_EQ(::waitpid(unrelated, nullptr, WNOHANG), 0) << "the unrelated process still runs";
+    EXPECT_EQ(dir.read("zel.pid"), std::to_string(zel.pid()));
+    zel.signal(SIGTERM);
+    EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  }
+  // A link planted in the pid file's place is neither believed nor written through.
+  dir.write("victim", std::to_string(unrelated));
+  std::filesystem::remove(dir / "zel.pid");
+  std::filesystem::create_symlink(dir / "victim", dir / "zel.pid");
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  EXPECT_THAT(zel.error_text(), HasSubstr("is not trusted"));
+  EXPECT_EQ(dir.read("victim"), std::to_string(unrelated));
+  EXPECT_FALSE(std::filesystem::is_symlink(dir / "zel.pid"));
+  EXPECT_EQ(dir.read("zel.pid"), std::to_string(zel.pid()));
+  struct stat info {};
+  ASSERT_EQ(::stat((dir / "zel.pid").c_str(), &info), 0);
+  EXPECT_EQ(info.st_mode & 0777, 0644u) << "no one else may write it";
+  EXPECT_EQ(::waitpid(unrelated, nullptr, WNOHANG), 0);
+  ::kill(unrelated, SIGKILL);
+  ::waitpid(unrelated, nullptr, 0);
+}
+
+TEST(ApplicationStart, BadBuiltInSettingsAndStoreFilesThatAreNoRegularFileOrHugeStillLetTheInstrumentStart) {
+  TempDir dir;
+  dir.write("config/system.xml", R"(<root hidden="maybe"><pulse rate="fast"/>
+      <admin><store_manager save_delay="soon"/></admin></root>)");
+  ASSERT_EQ(::mkfifo((dir / "config/config.json").c_str(), 0644), 0);
+  std::filesystem::create_symlink("/dev/zero", dir / "config/calibration.json");
+  dir.write("config/admin.json", "{}");
+  std::filesystem::resize_file(dir / "config/admin.json", 17u << 20);  // sparse: 17 MiB of nothing
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized")) << zel.error_text();
+  EXPECT_THAT(zel.error_text(), HasSubstr("config.json' is not a regular file"));
+  EXPECT_THAT(zel.error_text(), HasSubstr("calibration.json' is not a regular file"));
+  EXPECT_THAT(zel.error_text(), HasSubstr("admin.json' holds more than 16777216 bytes"));
+  EXPECT_EQ(zel.count(": default kept"), 3);
+  expect_plain_stop(zel);
 }
 
 TEST(ApplicationStart, MalformedConfigurationLogsTheParseFaultAndRootFailsToConstruct) {
@@ -172,27 +235,27 @@ TEST(ApplicationRestart, FaultSignalsRestartInPlaceWithTheSamePidAndArguments) {
   ASSERT_FALSE(command_line.empty());
   ASSERT_EQ(std::vector<std::string>(command_line.begin() + 1, command_line.end()), arguments);
 
-  zel.signal(SIGSEGV);
-  ASSERT_TRUE(zel.wait_for("Initialized", 2));
-  zel.signal(SIGILL);
-  ASSERT_TRUE(zel.wait_for("Initialized", 3));
+  const int faults[] = {SIGSEGV, SIGILL, SIGBUS, SIGFPE};
+  int starts = 1;
+  for (int fault : faults) {
+    zel.signal(fault);
+    ASSERT_TRUE(zel.wait_for("Initialized", ++starts)) << fault;
+    EXPECT_THAT(zel.error_text(), HasSubstr("\rZEL FAULTED (" + std::to_string(fault) + ")\n"));
+  }
   EXPECT_TRUE(zel.running()) << "the same process, not a new one";
   EXPECT_EQ(command_line_of(zel.pid()), command_line);
-  auto err = zel.error_text();
-  EXPECT_THAT(err, HasSubstr("\rZEL FAULTED (11)\n"));
-  EXPECT_THAT(err, HasSubstr("\rZEL FAULTED (4)\n"));
-  EXPECT_EQ(zel.count("PID:" + std::to_string(zel.pid())), 3);
-  EXPECT_EQ(zel.count("Clean Shutdown"), 2);
+  EXPECT_EQ(zel.count("PID:" + std::to_string(zel.pid())), starts);
+  EXPECT_EQ(zel.count("Clean Shutdown"), starts - 1);
   EXPECT_THAT(zel.output_text(), Not(HasSubstr("already running"))) << "the own pid in the pid file kills nothing";
 
-  zel.signal(SIGTERM);
-  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  expect_plain_stop(zel);
 }
 
-TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesFilesAgain) {
+TEST(ApplicationRestart, AGenuineCrashOrStackOverflowInTheTreeRestartsInPlaceAndServesTheTreesFilesAgain) {
   ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
   TempDir dir;
-  configure(dir, R"(<crash type="crash_on_request" request_file=")" + (dir / "crash") + R"("/>)");
+  configure(dir, R"(<crash type="crash_on_request" request_file=")" + (dir / "crash") + R"("/>)" +
+                     R"(<overflow type="crash_on_request" fault="stack" request_file=")" + (dir / "overflow") + R"("/>)");
   std::filesystem::create_directory(dir / "io");
   auto arguments = ZelProcess::arguments_for(dir);
   *std::find(arguments.begin(), arguments.end(), "none") = dir / "io";
@@ -208,9 +271,93 @@ TEST(ApplicationRestart, AGenuineCrashInTheTreeRestartsInPlaceAndServesTheTreesF
   EXPECT_EQ(zel.count("PID:" + std::to_string(zel.pid())), 2);
   EXPECT_TRUE(std::filesystem::exists(dir / "io/crash")) << "the mount the crash left behind was replaced";
 
-  zel.signal(SIGTERM);
-  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  // A runaway recursion: the handler runs on the thread's alternate stack.
+  touch(dir / "overflow");
+  ASSERT_TRUE(zel.wait_for("Initialized", 3)) << zel.error_text();
+  EXPECT_EQ(zel.count("\rZEL FAULTED (11)\n"), 2);
+  EXPECT_TRUE(zel.running());
+
+  expect_plain_stop(zel);
   EXPECT_FALSE(std::filesystem::exists(dir / "io/crash")) << "unmounted at the end";
+}
+
+TEST(ApplicationSignals, AHangUpSavesTheStoresAndReloadsInPlace) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
+  TempDir dir;
+  configure(dir, R"(<admin><store_manager save_delay="0"/></admin><churn type="store_exerciser" store="config"/>)");
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  std::this_thread::sleep_for(100ms);
+  ASSERT_FALSE(std::filesystem::exists(dir / "config/config.json")) << "no save before the hang-up";
+  zel.signal(SIGHUP);
+  ASSERT_TRUE(zel.wait_for("Initialized", 2));
+  EXPECT_TRUE(zel.running());
+  EXPECT_THAT(zel.error_text(), HasSubstr("\rZEL RELOADING (1)\n"));
+  EXPECT_THAT(dir.read("config/config.json"), HasSubstr("\"churn/generation\": "));
+  expect_plain_stop(zel);
+}
+
+TEST(ApplicationRestart, ARestartWaitsForAProgramFileBeingPutInPlaceAndFailsLoudlyWhenItNeverComes) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
+  TempDir dir;
+  auto program = copy_program(dir);
+  ZelProcess zel(program, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+
+  // The first step of a manual update: the program moved aside.
+  wait_for_the_watch();
+  std::filesystem::rename(program, dir / "zel.old");
+  ASSERT_TRUE(zel.wait_for("can't be started (No such file or directory): trying again", 1, 15s));
+  std::filesystem::rename(dir / "zel.old", program);
+  ASSERT_TRUE(zel.wait_for("Initialized", 2, 5s)) << zel.error_text();
+  EXPECT_TRUE(zel.running());
+
+  // Moved aside for good: the process ends with a failure for its service manager.
+  wait_for_the_watch();
+  std::filesystem::rename(program, dir / "zel.old");
+  auto status = zel.wait_exit(25s);
+  EXPECT_EQ(exit_code(status), 1);
+  EXPECT_THAT(zel.error_text(), HasSubstr("Error: No such file or directory execv"));
+}
+
+TEST(ApplicationRestart, StartedThroughALinkInPathTheProgramRunsInTheLinksFolderAndFollowsItsNewTarget) {
+  ZEL_SKIP_UNDER_EMULATION(kRestartNeedsBinfmt);
+  TempDir dir;
+  std::filesystem::create_directories(dir / "v1");
+  std::filesystem::create_directories(dir / "v2");
+  auto first = copy_program(dir, "v1/zel");
+  auto second = copy_program(dir, "v2/zel");
+  std::filesystem::create_directories(dir / "bin/config");
+  dir.write("bin/config/system.xml", "<root><pulse rate=\"fast\"/></root>");  // says when it is read
+  std::filesystem::create_symlink(first, dir / "bin/zel");
+
+  // Started by its bare name from elsewhere, without --dir.
+  std::string command = "cd / && exec zel --data-root " + dir.path().string() + " --pid-file " + (dir / "zel.pid") +
+                        " --io-mount none --port 0";
+  ZelProcess::Options options;
+  options.environment = {"PATH=" + (dir / "bin") + ":" + std::getenv("PATH")};
+  ZelProcess zel("/bin/sh", {"-c", command}, options);
+  ASSERT_TRUE(zel.wait_for("Initialized")) << zel.error_text();
+  auto proc = "/proc/" + std::to_string(zel.pid());
+  EXPECT_EQ(std::filesystem::read_symlink(proc + "/cwd"), dir.path() / "bin") << "the folder of the path as started";
+  EXPECT_THAT(zel.error_text(), HasSubstr("'fast': default kept")) << "its configuration was found there";
+  EXPECT_EQ(inode_of(proc + "/exe"), inode_of(first));
+
+  // The link re-pointed as version switches do it: a new link renamed over the old.
+  wait_for_the_watch();
+  std::filesystem::create_symlink(second, dir / "bin/zel.new");
+  std::filesystem::rename(dir / "bin/zel.new", dir / "bin/zel");
+  ASSERT_TRUE(zel.wait_for("Initialized", 2, 15s)) << zel.error_text();
+  EXPECT_THAT(zel.error_text(), HasSubstr("Program file " + (dir / "bin/zel") + " replaced"));
+  EXPECT_EQ(inode_of(proc + "/exe"), inode_of(second));
+
+  // The file the link names replaced in its own folder.
+  wait_for_the_watch();
+  copy_program(dir, "v2/zel.new");
+  std::filesystem::rename(dir / "v2/zel.new", second);
+  ASSERT_TRUE(zel.wait_for("Initialized", 3, 15s)) << zel.error_text();
+  EXPECT_EQ(inode_of(proc + "/exe"), inode_of(second));
+  expect_plain_stop(zel);
 }
 
 TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
@@ -223,6 +370,7 @@ TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
   ASSERT_EQ(inode_of(exe), inode_of(program));
 
   // A new file renamed over the program.
+  wait_for_the_watch();
   copy_program(dir, "zel.new");
   std::filesystem::rename(dir / "zel.new", program);
   ASSERT_TRUE(zel.wait_for("Initialized", 2, 15s));
@@ -236,8 +384,7 @@ TEST(ApplicationRestart, ReplacingTheProgramFileRestartsIntoTheNewFile) {
   EXPECT_EQ(inode_of(exe), inode_of(program));
   EXPECT_TRUE(zel.running());
 
-  zel.signal(SIGTERM);
-  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  expect_plain_stop(zel);
 }
 
 TEST(ApplicationUpdate, UnpackingDelaysTheRestartIntoTheNewProgramUntilTheUpdateHasEnded) {
@@ -267,8 +414,7 @@ TEST(ApplicationUpdate, UnpackingDelaysTheRestartIntoTheNewProgramUntilTheUpdate
   EXPECT_LT(rebooted, restarted) << "the restart waited for the update to end";
   EXPECT_EQ(inode_of("/proc/" + std::to_string(zel.pid()) + "/exe"), inode_of(program));
   EXPECT_TRUE(zel.running());
-  zel.signal(SIGTERM);
-  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  expect_plain_stop(zel);
 }
 
 TEST(ApplicationUpdate, AnArchiveThatDoesNotUnpackIsLoggedAndTheSystemKeepsRunning) {
@@ -283,8 +429,7 @@ TEST(ApplicationUpdate, AnArchiveThatDoesNotUnpackIsLoggedAndTheSystemKeepsRunni
   std::this_thread::sleep_for(200ms);
   EXPECT_TRUE(zel.running());
   EXPECT_FALSE(std::filesystem::exists(dir / "rebooted"));
-  zel.signal(SIGTERM);
-  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 0);
+  expect_plain_stop(zel);
 }
 
 TEST(ApplicationShutdown, AHangingDestructionTimesOutAfterEightSecondsAndTheRebootStillFollows) {

@@ -104,6 +104,39 @@ TEST(Root, ConfigurationFaultsAreLoggedAndTheRestIsBuilt) {
   EXPECT_TRUE(log.contains("'group/inner'") && log.contains("'hidden'") && log.contains("'maybe'"));
 }
 
+TEST(Root, BuiltInNodesKeepTheirDefaultForABadSettingAndQuietMistakesAreCounted) {
+  Root::reset_configuration_errors();
+  LogCapture log;
+  auto root = build(R"(<root hidden="maybe" label="Bench">
+      <pulse rate="fast"/>
+      <admin><store_manager save_delay="soon" hourmeter_period="30"/></admin>
+      <interlocks type="nonsense"/>
+      <a type="analog_io" value="1"/>
+      <a type="analog_io" value="2"/>
+      <settings><lost type="digital_io"/></settings>
+    </root>)");
+  ASSERT_TRUE(root) << "the instrument starts";
+  EXPECT_EQ(root->label(), "Bench") << "the root's other settings are kept";
+  EXPECT_DOUBLE_EQ(dynamic_cast<Field<double>&>(*root->find_path("pulse/rate")).get(), 1.0);
+  EXPECT_DOUBLE_EQ(dynamic_cast<Field<double>&>(*root->find_path("admin/store_manager/save_delay")).get(), 1.0);
+  EXPECT_DOUBLE_EQ(dynamic_cast<Field<double>&>(*root->find_path("admin/store_manager/hourmeter_period")).get(), 30.0);
+  EXPECT_EQ(dynamic_cast<AnalogIO&>(*root->find_path("a")).get(), 1.0) << "the first of two siblings is built";
+  EXPECT_EQ(root->find_path("settings/lost"), nullptr);
+  EXPECT_EQ(Root::configuration_errors(), 6u);
+  for (const char* text : {"Setting 'hidden' of '' can't be read as bool: 'maybe': default kept",
+                           "Setting 'rate' of 'pulse' can't be read as double: 'fast': default kept",
+                           "Setting 'save_delay' of 'admin/store_manager' can't be read as double: 'soon': default kept",
+                           "Element 'interlocks' names type 'nonsense', but 'interlocks' is built in as InterlockManager",
+                           "Element 'a' repeats the name of an earlier sibling: left out",
+                           "Element 'settings/lost' of type 'digital_io' lies in the settings group 'settings'"})
+    EXPECT_TRUE(log.contains(text)) << text;
+
+  // A built-in named with its own type, by alias or type name, is no mistake.
+  Root::reset_configuration_errors();
+  EXPECT_TRUE(build(R"(<root><pulse type="Pulse"/><interlocks type="interlock_manager"/></root>)"));
+  EXPECT_EQ(Root::configuration_errors(), 0u);
+}
+
 TEST(Root, TreeLogKeepsRecordsForClients) {
   auto root = build("<root/>");
   auto before = root->log().last_sequence();

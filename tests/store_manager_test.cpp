@@ -264,6 +264,19 @@ TEST(Saving, ShutdownWritesWhatChangedSinceTheLastSave) {
   EXPECT_EQ(read_text(data.store("calibration")), "{\n \"x\": 42\n}");
 }
 
+TEST(Saving, AStoreThatCannotBeWrittenAtShutdownSaysItsChangesAreLost) {
+  DataRoot data;
+  LogCapture log;
+  {
+    auto root = start(R"(<root><admin><store_manager save_delay="0.02"/></admin><x type="analog_io" store="config"/></root>)");
+    fs::create_directories(AtomicFile::temporary_for(data.store("config")));  // where the temporary must go
+    at<AnalogIO>(*root, "x").set(1);
+    ASSERT_TRUE(wait_until([&] { return log.contains("Can't save store 'config'"); }));
+    at<AnalogIO>(*root, "x").set(2);
+  }
+  EXPECT_TRUE(log.contains("Can't save store 'config' at shutdown, its latest changes are lost"));
+}
+
 TEST(Saving, HourMeterIsWrittenOnItsOwnPeriodAndByTheServiceAction) {
   DataRoot data;
   const char* members = R"(<h type="analog_io" store="hourmeter"/><x type="analog_io" store="config"/>)";
@@ -358,6 +371,10 @@ TEST(CrashSafety, KilledWhileSavingEveryStoreFileIsTheOldOrTheNewOne) {
     auto values = doc["churn/values"].get<std::vector<double>>();
     ASSERT_EQ(values.size(), 16u);
     for (double v : values) EXPECT_EQ(v, values[0]);
+    // The members were taken at one instant: all of one generation.
+    EXPECT_EQ(unit, std::to_string(generation) + ";") << "text of another generation, kill " << kills;
+    EXPECT_EQ(values[0], static_cast<double>(generation)) << "values of another generation, kill " << kills;
+    EXPECT_EQ(doc["churn/flag"].get<bool>(), generation % 2 == 1) << "flag of another generation, kill " << kills;
     last = generation;
   }
   EXPECT_GE(kills, 3);

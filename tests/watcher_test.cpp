@@ -68,13 +68,22 @@ TEST(Watcher, ReplacementsOfTheFileAreReportedWithItsPathAndOtherFilesNot) {
   EXPECT_EQ(events[1].path, file.path);
   EXPECT_TRUE(events[1].mask & inotify::kMovedTo);
 
-  // ... or written under it after the old one was removed.
+  // ... or written under it after the old one was removed ...
   std::filesystem::remove(file.path);
   dir.write("program", "newer");
-  events = file.wait_for(3);
-  ASSERT_EQ(events.size(), 3u);
+  events = file.wait_for(4);
+  ASSERT_EQ(events.size(), 4u);
   EXPECT_EQ(events[2].path, file.path);
-  EXPECT_TRUE(events[2].mask & inotify::kCloseWrite);
+  EXPECT_TRUE(events[2].mask & inotify::kCreate);
+  EXPECT_TRUE(events[3].mask & inotify::kCloseWrite);
+
+  // ... or a link made anew under it.
+  std::filesystem::remove(file.path);
+  std::filesystem::create_symlink(dir / "program.old", file.path);
+  events = file.wait_for(5);
+  ASSERT_EQ(events.size(), 5u);
+  EXPECT_EQ(events[4].path, file.path);
+  EXPECT_TRUE(events[4].mask & inotify::kCreate);
 }
 
 TEST(Watcher, RemovingTheWatchesFromAHandlerEndsTheEvents) {

@@ -28,8 +28,8 @@ class Application {
 
   // The entry point; returns the process exit status: 1 after "help" (or a
   // command line that does not parse), -1 when the tree cannot be built or
-  // start-up throws, 0 after an orderly stop. A restart in place does not
-  // return.
+  // start-up throws, 0 after an orderly stop, 1 when a restart in place
+  // could not start the program file. A restart in place does not return.
   int main(int argc, char** argv);
 
   // Requests (the administration node): end the run with a plain exit, a
@@ -68,10 +68,13 @@ class Application {
   std::string read_configuration();
   void watch_program_file();
   void run_main_loop();
-  void shutdown();
+  // False when a restart in place failed for good (the process then exits
+  // with a failure status).
+  bool shutdown();
 
   void on_interruption(int signal);
   void on_fault(int signal);
+  void on_reload(int signal);
   static void on_genuine_fault(int signal);
   void on_program_file_event(const std::string& path);
 
@@ -92,7 +95,8 @@ class Application {
   int argc_ = 0;
   char** argv_ = nullptr;
   std::string start_dir_;     // the working directory the process was started in
-  std::string program_path_;  // the absolute path of the program file
+  std::string program_path_;       // the program file by the path it was started through
+  std::string running_file_path_;  // the file that path named at the start (links resolved)
   std::string dir_option_;
   std::string config_option_;
 

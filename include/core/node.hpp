@@ -70,6 +70,11 @@ class Node : public Vertex {
 
   // Creates the configured children (sub-elements that name a type) that the
   // class's own constructor did not create; failures are logged and skipped.
+  // Mistakes that would otherwise pass unseen are logged and counted as
+  // configuration errors too: a second element of one name (left out), a
+  // typed element named like a child the class makes itself (its type is
+  // ignored), and a typed element inside a settings group that the class
+  // reads itself (never built).
   void build_configured_children(const VTree& config);
   // Logs a node that could not be built, in the factory's words, and counts
   // it as a configuration error. Also for failures found after construction
@@ -77,7 +82,8 @@ class Node : public Vertex {
   static void report_build_failure(std::string_view path, std::string_view type, std::string_view what);
 
   // A child node made from the named child subtree of `config` (defaults when
-  // the subtree is absent).
+  // the subtree is absent, and for each of its settings that does not
+  // convert: NodeFactory::make_built_in).
   template <class T, class... Args>
   T& add_node(const VTree& config, std::string_view name, Args&&... args);
 
@@ -100,5 +106,5 @@ class Node : public Vertex {
 
 template <class T, class... Args>
 T& Node::add_node(const VTree& config, std::string_view name, Args&&... args) {
-  return adopt(NodeFactory::make<T>(config.child_or_empty(name), std::forward<Args>(args)...));
+  return adopt(NodeFactory::make_built_in<T>(config.child_or_empty(name), args...));
 }

@@ -36,12 +36,21 @@ class NodeFactory {
   // name. Exceptions of the creator pass through.
   static std::unique_ptr<Node> create(std::string_view type, const VTree& config);
   static bool known(std::string_view type);
+  // The type name that a type name or alias registers ("analog_io" gives
+  // "AnalogIO"); empty for an unknown name.
+  static std::string type_name_of(std::string_view type);
   static std::vector<std::string> registered_names();
 
   // Constructs T from `config` and then the configured children that T's own
   // constructor did not create.
   template <class T, class... Args>
   static std::unique_ptr<T> make(const VTree& config, Args&&... args);
+  // make<T> for a node that must exist whatever the configuration says (the
+  // root, a class's built-in children): a setting of its own that does not
+  // convert is logged, counted as a configuration error and left out, so the
+  // node keeps that setting's default.
+  template <class T, class... Args>
+  static std::unique_ptr<T> make_built_in(VTree config, Args&... args);
 
   template <class T>
   struct Registration {
@@ -64,4 +73,19 @@ std::unique_ptr<T> NodeFactory::make(const VTree& config, Args&&... args) {
   auto node = std::make_unique<T>(config, std::forward<Args>(args)...);
   node->build_configured_children(config);
   return node;
+}
+
+// Logs and counts `fault` and removes its setting from `config`; false (the
+// fault is not one of config's own settings) leaves both alone.
+bool leave_out_bad_setting(VTree& config, const ConfigError& fault);
+
+template <class T, class... Args>
+std::unique_ptr<T> NodeFactory::make_built_in(VTree config, Args&... args) {
+  for (;;) {
+    try {
+      return make<T>(config, args...);
+    } catch (const ConfigError& fault) {
+      if (!leave_out_bad_setting(config, fault)) throw;
+    }
+  }
 }

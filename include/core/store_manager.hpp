@@ -25,6 +25,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,8 @@ class StoreManager : public CtxComp {
   bool save(const std::string& store);
   // Writes every store of the hour-meter list, in order.
   void write_listed_stores();
-  // Writes every store with changes not yet saved.
+  // Writes every store with changes not yet saved: the last save at shutdown,
+  // so a store that cannot be written is always logged.
   void flush();
   // The `service` action: writes every store that has members, now.
   void service();
@@ -74,6 +76,7 @@ class StoreManager : public CtxComp {
   struct Member {
     std::string path;
     FieldBase* value;  // the field itself, or an IO's value field
+    Context* context;  // the context whose thread sets it
   };
   struct Store {
     Store(std::string name, bool settings) : name(std::move(name)), settings(settings) {}
@@ -93,8 +96,16 @@ class StoreManager : public CtxComp {
   // held a value that does not convert).
   bool apply_file(Root& root, Store& store);
   void keep_malformed_file_aside(const std::string& file);
-  std::string render(const Store& store) const;
-  bool save(Store& store);
+  // Each member's value text, or nothing for a member never assigned.
+  using Snapshot = std::vector<std::optional<std::string>>;
+  // The members' values at one instant of each context that owns some: one
+  // job on that context reads them all between its other jobs, so values
+  // that a job sets together are saved together. A context that is not
+  // running (the tree is quiet), or is the calling thread's, is read here.
+  Snapshot snapshot(const Store& store) const;
+  std::string render(const Store& store, const Snapshot& values) const;
+  // `at_shutdown`: the last chance, so a failure is always logged.
+  bool save(Store& store, bool at_shutdown = false);
   void save_changed(bool settings);
   void every_seconds(double seconds, Job job);
 

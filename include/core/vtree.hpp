@@ -12,11 +12,24 @@
 
 #include "core/format.hpp"
 
-// A setting that is present but does not convert; names the element's path,
-// the key and the text.
+// A configuration that cannot be built as it stands. A setting that is
+// present but does not convert names the element's path, the key and the
+// text, and carries the path and the key so that a node that must exist can
+// be built without that setting.
 class ConfigError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
+  ConfigError(const std::string& what, std::string path, std::string key)
+      : std::runtime_error(what), path_(std::move(path)), key_(std::move(key)) {}
+
+  // The element and the setting at fault; the key is empty when the fault is
+  // not one setting's.
+  const std::string& path() const { return path_; }
+  const std::string& key() const { return key_; }
+
+ private:
+  std::string path_;
+  std::string key_;
 };
 
 class VTree {
@@ -56,6 +69,8 @@ class VTree {
   VTree child_or_empty(std::string_view name) const;
 
   VTree& set(std::string key, std::string value);
+  // Removes the setting; false when there was none.
+  bool erase(std::string_view key);
   // Sets `key` only when the configuration does not have it (a class default).
   VTree& set_default(std::string key, std::string value) { return has(key) ? *this : set(std::move(key), std::move(value)); }
   VTree& add_child(VTree child);

@@ -5,9 +5,9 @@
 // A watched file's own events are reported with the file's path. Because a
 // new file renamed over the old path (or written under its name after the old
 // one was removed) is an event of the folder, not of the file, the folder is
-// watched as well, and its moved-to and close-after-write events for the
-// file's name are reported with the file's path too, if the mask asks for
-// them.
+// watched as well, and its moved-to, close-after-write and create events for
+// the file's name (a link made anew is only a create) are reported with the
+// file's path too, if the mask asks for them.
 #include <cstdint>
 #include <functional>
 #include <memory>

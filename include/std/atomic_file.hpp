@@ -15,8 +15,14 @@ class AtomicFile {
  public:
   enum class ReadResult { Ok, Missing, Failed };
 
+  // The most read() takes in: the files it reads are small settings files.
+  static constexpr size_t kMaxReadSize = 16 * 1024 * 1024;
+
   // Reads the whole file into `content`. Missing when it does not exist;
-  // Failed (with `error`) when it exists but cannot be read.
+  // Failed (with `error`) when it exists but cannot be read, and when it is
+  // not a regular file or holds more than kMaxReadSize bytes: a FIFO would
+  // block the reader for ever and a device such as /dev/zero never ends.
+  // A symbolic link to a regular file is read.
   static ReadResult read(const std::string& path, std::string& content, std::string& error);
 
   // Replaces the file's content as described above, creating its folder when

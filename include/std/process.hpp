@@ -14,6 +14,13 @@ class Process {
   // the time of the call (so call it before the file can be replaced).
   static std::string executable_path();
 
+  // The program file by the path it was started through (`argv0`), not
+  // resolved: a symbolic link stays a link, so re-pointing it and starting
+  // the path again runs what it points at then. A bare name is looked up in
+  // PATH as the shell did. Absolute and lexically normal; the resolved
+  // executable_path() when the name cannot be found.
+  static std::string started_path(const char* argv0);
+
   // Whether "/proc/" followed by `pid_text` exists.
   static bool alive(std::string_view pid_text);
 
@@ -28,6 +35,17 @@ class Process {
   // marks every descriptor above 2 close-on-exec. Async-signal-safe. Returns
   // only on failure, with the errno.
   static int replace_image(const char* program, char* const argv[], const char* dir);
+  // replace_image(), tried again every `interval_ms` while it fails, for up
+  // to `limit_ms` (a program file that is briefly absent or busy while an
+  // update puts a new one in place). Async-signal-safe. Returns the last
+  // errno once it gives up.
+  static int replace_image_retrying(const char* program, char* const argv[], const char* dir, int interval_ms,
+                                    int limit_ms);
+
+  // Gives the calling thread a signal stack of its own, so that a fault
+  // handler still runs when the thread has overflowed its stack. Freed when
+  // the thread ends; idempotent.
+  static void use_alternate_signal_stack();
 
   // A fault handler for genuine faults: a bad memory access or instruction
   // of this process. Such a signal cannot be handed to another thread and

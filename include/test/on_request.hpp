@@ -4,7 +4,7 @@
 // appears, removes it and acts. Lifecycle tests drive a running program with
 // them without any network or file system of the tree.
 //
-//   <crash type="crash_on_request" request_file="requests/crash"/>
+//   <crash type="crash_on_request" request_file="requests/crash" fault="stack"/>
 //   <stop type="press_on_request" request_file="requests/stop" button="admin/stop_button"/>
 #include <string>
 
@@ -23,14 +23,18 @@ class OnRequest : public Component {
   ValueField<std::string>& request_file_;
 };
 
-// Crashes the process with a genuine fault: a write through a null pointer
-// (SIGSEGV).
+// Crashes the process with a genuine fault (SIGSEGV): with "fault" "memory"
+// (the default) a write through a null pointer, with "stack" a recursion
+// without end that overflows the thread's stack.
 class CrashOnRequest : public OnRequest {
  public:
   explicit CrashOnRequest(const VTree& config);
 
  protected:
   void on_request() override;
+
+ private:
+  ValueField<std::string>& fault_;
 };
 
 // Presses the button at the tree path "button" as a user would.

@@ -24,6 +24,7 @@
 #include "formats/format_xml.hpp"
 #include "std/capabilities.hpp"
 #include "std/paths.hpp"
+#include "std/pid_file.hpp"
 #include "std/platform_commands.hpp"
 #include "std/process.hpp"
 
@@ -53,19 +54,10 @@ void write_signal_message(const char* prefix, int number) {
   [[maybe_unused]] auto written = ::write(STDERR_FILENO, text, n);
 }
 
-// A missing or unreadable file reads as empty.
-std::string read_whole_file(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::stringstream content;
-  content << file.rdbuf();
-  return content.str();
-}
-
-// A pid file holds a decimal pid; anything else is no pid (and never reaches
-// the shell).
-bool is_pid_text(std::string_view text) {
-  return !text.empty() && text.size() < 12 && text.find_first_not_of("0123456789") == std::string_view::npos;
-}
+// A restart whose program file is absent (an update between removing the
+// old file and putting the new one in place) is tried again for a while.
+constexpr int kRestartRetryIntervalMs = 250;
+constexpr int kRestartRetryLimitMs = 10000;
 
 void keep_waiting(boost::asio::signal_set& set, std::function<void(int)> handler) {
   set.async_wait([&set, handler](const boost::system::error_code& ec, int number) {
@@ -80,7 +72,8 @@ void keep_waiting(boost::asio::signal_set& set, std::function<void(int)> handler
 struct Application::Signals {
   boost::asio::io_context io;
   boost::asio::signal_set interruption{io, SIGINT, SIGQUIT, SIGABRT};
-  boost::asio::signal_set fault{io, SIGILL, SIGSEGV};
+  boost::asio::signal_set fault{io, SIGILL, SIGSEGV, SIGBUS};
+  boost::asio::signal_set reload{io, SIGHUP};
   boost::asio::signal_set pipe{io, SIGPIPE};
   std::thread thread;
 };
@@ -103,12 +96,16 @@ int Application::main(int argc, char** argv) {
 
 int Application::start(int argc, char** argv) {
   Process::name_this_thread("application");
+  Process::use_alternate_signal_stack();
   argc_ = argc;
   argv_ = argv;
   std::error_code ec;
   start_dir_ = fs::current_path(ec).string();
-  program_path_ = Process::executable_path();
-  if (program_path_.empty()) program_path_ = fs::absolute(argv[0], ec).string();
+  // The path as started, a symbolic link included: the watch and the
+  // restart follow what it names at the time, so re-pointing a link switches
+  // versions.
+  program_path_ = Process::started_path(argv[0]);
+  running_file_path_ = Process::executable_path();
 
   int status = 0;
   if (!parse_options(argc, argv, status)) return status;
@@ -138,8 +135,7 @@ int Application::start(int argc, char** argv) {
   }
   run_main_loop();
   watcher_->stop();
-  shutdown();
-  return 0;
+  return shutdown() ? 0 : 1;
 }
 
 bool Application::parse_options(int argc, char** argv, int& status) {
@@ -187,31 +183,37 @@ bool Application::parse_options(int argc, char** argv, int& status) {
 }
 
 void Application::ensure_single_instance() {
-  const std::string own = fmt::format("{}", ::getpid());
+  const pid_t own = ::getpid();
   const std::string& pid_file = Paths::pid_file();
-  std::string recorded = read_whole_file(pid_file);
-  while (!recorded.empty() && std::isspace(static_cast<unsigned char>(recorded.back()))) recorded.pop_back();
-  if (is_pid_text(recorded) && recorded != own && Process::alive(recorded)) {
-    std::cout << "ZEL already running, killing existing process" << std::endl;
-    Process::run_shell(PlatformCommands::table().kill(recorded));
-    std::this_thread::sleep_for(2s);
+  std::string distrusted, found, error;
+  pid_t recorded = PidFile::read(pid_file, distrusted);
+  if (!distrusted.empty()) ZEL_WARN("Pid file {} is not trusted ({}): no older instance is looked for", pid_file, distrusted);
+  if (recorded != 0 && recorded != own && Process::alive(std::to_string(recorded))) {
+    // Only an instance of this program of this user is ended: the file may
+    // name a pid that has since been given to an unrelated process.
+    if (PidFile::runs_this_program(recorded, found)) {
+      std::cout << "ZEL already running, killing existing process" << std::endl;
+      Process::run_shell(PlatformCommands::table().kill(std::to_string(recorded)));
+      std::this_thread::sleep_for(2s);
+    } else {
+      ZEL_WARN("Pid file {} names process {} ({}), which is not this program: left alone", pid_file, recorded, found);
+    }
   }
-  std::ofstream file(pid_file, std::ios::binary | std::ios::trunc);
-  file << own;
-  file.close();
-  if (!file) ZEL_ERROR("Can't write pid file {}", pid_file);
+  if (!PidFile::write(pid_file, own, error)) ZEL_ERROR("Can't write pid file {}", error);
 }
 
 void Application::start_signal_thread() {
   signals_ = std::make_unique<Signals>();
   signals_->interruption.add(SIGTERM);
   keep_waiting(signals_->interruption, [this](int number) { on_interruption(number); });
+  signals_->fault.add(SIGFPE);
   keep_waiting(signals_->fault, [this](int number) { on_fault(number); });
+  keep_waiting(signals_->reload, [this](int number) { on_reload(number); });
   keep_waiting(signals_->pipe, [](int) {});
-  Process::catch_genuine_faults(SIGILL, &Application::on_genuine_fault);
-  Process::catch_genuine_faults(SIGSEGV, &Application::on_genuine_fault);
+  for (int genuine : {SIGILL, SIGSEGV, SIGBUS, SIGFPE}) Process::catch_genuine_faults(genuine, &Application::on_genuine_fault);
   signals_->thread = std::thread([io = &signals_->io] {
     Process::name_this_thread("application/signals");
+    Process::use_alternate_signal_stack();
     io->run();
   });
 }
@@ -229,7 +231,9 @@ void Application::check_abilities() {
 
 void Application::enter_working_directory() {
   std::error_code ec;
-  fs::path dir = dir_option_.empty() ? fs::absolute(argv_[0], ec).parent_path() : fs::absolute(dir_option_, ec);
+  // By default the program's folder: the folder of the path it was started
+  // through (a bare name found in PATH included).
+  fs::path dir = dir_option_.empty() ? fs::path(program_path_).parent_path() : fs::absolute(dir_option_, ec);
   fs::current_path(dir, ec);
   if (ec) ZEL_ERROR("Working directory {}: {}", dir.string(), ec.message());
 }
@@ -250,6 +254,9 @@ std::string Application::read_configuration() {
 void Application::watch_program_file() {
   watcher_ = std::make_unique<Watcher>();
   watcher_->add(program_path_, kProgramFileMask);
+  // Started through a link: the file it names may be replaced in its own folder.
+  if (!running_file_path_.empty() && running_file_path_ != program_path_)
+    watcher_->add(running_file_path_, kProgramFileMask);
   watcher_->connect([this](const Watcher::Event& event) { on_program_file_event(event.path); });
   watcher_->start();
 }
@@ -261,13 +268,14 @@ void Application::run_main_loop() {
   }
 }
 
-void Application::shutdown() {
+bool Application::shutdown() {
   running_ = false;
   std::atomic_thread_fence(std::memory_order_seq_cst);
   auto finished = std::make_shared<std::promise<void>>();
   auto done = finished->get_future();
   std::thread([root = std::exchange(root_, nullptr), finished] {
     Process::name_this_thread("shutdown");
+    Process::use_alternate_signal_stack();
     ZEL_INFO("Clean Shutdown");
     try {
       delete root;
@@ -287,13 +295,19 @@ void Application::shutdown() {
   if (restart_requested()) {
     std::cout.flush();
     int error = Process::replace_image(program_path_.c_str(), argv_, start_dir_.c_str());
+    ZEL_WARN("Program file {} can't be started ({}): trying again for {} s", program_path_, std::strerror(error),
+             kRestartRetryLimitMs / 1000);
+    error = Process::replace_image_retrying(program_path_.c_str(), argv_, start_dir_.c_str(), kRestartRetryIntervalMs,
+                                            kRestartRetryLimitMs);
     restart_ = false;
     std::atomic_thread_fence(std::memory_order_seq_cst);
+    // The process ends with a failure, so a service manager starts it again.
     ZEL_ERROR("{} execv", std::strerror(error));
-    return;
+    return false;
   }
   if (reboot_requested()) Process::run_shell(PlatformCommands::table().reboot);
   stop_signal_thread();
+  return true;
 }
 
 void Application::on_interruption(int signal) {
@@ -310,6 +324,14 @@ void Application::on_fault(int signal) {
   if (!end_run(true, false)) std::_Exit(1);
 }
 
+void Application::on_reload(int signal) {
+  write_signal_message("ZEL RELOADING (", signal);
+  // A hang-up asks for a reload: the orderly shutdown (which saves the
+  // stores) and a restart in place that reads the configuration anew. One
+  // during the shutdown is already being served.
+  end_run(true, false);
+}
+
 void Application::on_genuine_fault(int signal) {
   write_signal_message("ZEL FAULTED (", signal);
   // The faulting thread cannot go on and the tree may be damaged, so there is
@@ -318,7 +340,8 @@ void Application::on_genuine_fault(int signal) {
   // it, at its own pace).
   auto& app = instance();
   if (app.initialized_.load() && app.running_.load()) {
-    Process::replace_image(app.program_path_.c_str(), app.argv_, app.start_dir_.c_str());
+    Process::replace_image_retrying(app.program_path_.c_str(), app.argv_, app.start_dir_.c_str(),
+                                    kRestartRetryIntervalMs, kRestartRetryLimitMs);
     static constexpr char failed[] = "Error: execv failed\n";
     [[maybe_unused]] auto written = ::write(STDERR_FILENO, failed, sizeof failed - 1);
   }
@@ -326,7 +349,7 @@ void Application::on_genuine_fault(int signal) {
 }
 
 void Application::on_program_file_event(const std::string& path) {
-  if (path != program_path_ || !running()) return;
+  if ((path != program_path_ && path != running_file_path_) || !running()) return;
   ZEL_INFO("Program file {} replaced, restarting", path);
   watcher_->remove_all();
   // Let the copy finish, and an update finish unpacking.
@@ -342,6 +365,7 @@ void Application::request_reboot() { end_run(false, true); }
 void Application::request_update() {
   std::thread([this] {
     Process::name_this_thread("update");
+    Process::use_alternate_signal_stack();
     install_update();
   }).detach();
 }

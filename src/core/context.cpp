@@ -13,6 +13,7 @@
 #include <boost/asio/steady_timer.hpp>
 
 #include "core/log.hpp"
+#include "std/process.hpp"
 
 struct Context::Impl {
   explicit Impl(std::string name) : name(std::move(name)), guard(boost::asio::make_work_guard(io)) {}
@@ -71,6 +72,7 @@ void Context::start_context() {
     impl->thread_id = std::this_thread::get_id();
     auto short_name = impl->name.substr(0, 15);  // the kernel keeps 15 characters
     pthread_setname_np(pthread_self(), short_name.c_str());
+    Process::use_alternate_signal_stack();  // a node's runaway recursion still reaches the fault handler
     for (;;) {
       try {
         impl->io.run();

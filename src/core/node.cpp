@@ -1,5 +1,6 @@
 #include "core/node.hpp"
 
+#include <algorithm>
 #include <mutex>
 #include <typeindex>
 #include <unordered_map>
@@ -78,7 +79,8 @@ void Node::read_attributes(const VTree& config) {
     if (kind->is_bool) {
       bool b;
       if (!x2x::from_json(value, b))
-        throw ConfigError(fmt::format("Setting '{}' of '{}' can't be read as bool: '{}'", key, config.path(), value));
+        throw ConfigError(fmt::format("Setting '{}' of '{}' can't be read as bool: '{}'", key, config.path(), value),
+                          config.path(), key);
     }
     adopt(kind->make(value));
   }
@@ -153,10 +155,52 @@ Root* Node::root() const {
   return dynamic_cast<Root*>(const_cast<Vertex*>(top));
 }
 
+namespace {
+
+template <class... Args>
+void report_mistake(fmt::format_string<Args...> text, Args&&... args) {
+  ZEL_ERROR(text, std::forward<Args>(args)...);
+  Root::count_configuration_error();
+}
+
+// Typed elements at any depth of a settings group that no node is made of.
+void report_typed_elements_in_group(const VTree& group, const VTree& sub) {
+  for (auto& element : sub.children()) {
+    if (!element.type().empty())
+      report_mistake("Element '{}' of type '{}' lies in the settings group '{}', which makes no nodes: left out",
+                     element.path(), element.type(), group.path());
+    else report_typed_elements_in_group(group, element);
+  }
+}
+
+}  // namespace
+
 void Node::build_configured_children(const VTree& config) {
+  std::vector<std::string_view> names;
   for (auto& sub : config.children()) {
-    if (sub.type().empty()) continue;  // a named subtree the class reads itself
-    if (child(sub.name())) continue;   // the class made this child already
+    if (std::find(names.begin(), names.end(), sub.name()) != names.end()) {
+      report_mistake("Element '{}' repeats the name of an earlier sibling: left out", sub.path());
+      continue;
+    }
+    names.push_back(sub.name());
+    Vertex* made = child(sub.name());  // by the class itself
+    auto* made_node = dynamic_cast<Node*>(made);
+    if (sub.type().empty()) {
+      // A named subtree: made into a node by the class (which built its
+      // children), or a settings group the class reads itself.
+      if (!made_node) report_typed_elements_in_group(sub, sub);
+      continue;
+    }
+    if (made) {
+      if (!made_node) {
+        report_mistake("Element '{}' of type '{}' has the name of a setting of '{}': left out", sub.path(), sub.type(),
+                       path());
+      } else if (NodeFactory::type_name_of(sub.type()) != made_node->type()) {
+        report_mistake("Element '{}' names type '{}', but '{}' is built in as {}: the type is ignored", sub.path(),
+                       sub.type(), sub.name(), made_node->type());
+      }
+      continue;
+    }
     try {
       auto node = NodeFactory::create(sub.type(), sub);
       if (!node) {

@@ -8,6 +8,7 @@
 #include <unordered_map>
 
 #include "core/log.hpp"
+#include "core/root.hpp"
 
 std::string factory_type_name(std::string name) {
   static constexpr std::string_view prefix = "boost::typeindex::detail::cvr_saver<";
@@ -58,6 +59,13 @@ std::shared_ptr<TypeMap>& holder() {
 }
 bool type_map_created = false;
 
+// Type name or alias -> type name. Must be used with map_mutex() held; never
+// destroyed, like the mutex.
+std::unordered_map<std::string, std::string>& type_names() {
+  static auto* names = new std::unordered_map<std::string, std::string>;
+  return *names;
+}
+
 // The map, created on first use; its release is registered for process exit.
 // Must be called with map_mutex() held.
 std::shared_ptr<TypeMap> type_map() {
@@ -85,7 +93,11 @@ void NodeFactory::register_type(const std::string& type_name, const std::string&
   auto map = type_map();
   if (!map) return;
   (*map)[type_name] = creator;
-  if (!alias.empty() && alias != type_name) (*map)[alias] = std::move(creator);
+  type_names()[type_name] = type_name;
+  if (!alias.empty() && alias != type_name) {
+    (*map)[alias] = std::move(creator);
+    type_names()[alias] = type_name;
+  }
 }
 
 std::unique_ptr<Node> NodeFactory::create(std::string_view type, const VTree& config) {
@@ -99,6 +111,19 @@ std::unique_ptr<Node> NodeFactory::create(std::string_view type, const VTree& co
     creator = it->second;
   }
   return creator(config);
+}
+
+std::string NodeFactory::type_name_of(std::string_view type) {
+  std::lock_guard lock(map_mutex());
+  auto it = type_names().find(std::string(type));
+  return it == type_names().end() ? std::string() : it->second;
+}
+
+bool leave_out_bad_setting(VTree& config, const ConfigError& fault) {
+  if (fault.key().empty() || fault.path() != config.path() || !config.erase(fault.key())) return false;
+  ZEL_ERROR("{}: default kept", fault.what());
+  Root::count_configuration_error();
+  return true;
 }
 
 bool NodeFactory::known(std::string_view type) {

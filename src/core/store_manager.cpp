@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cmath>
+#include <future>
 
 #include <fmt/format.h>
 
@@ -40,6 +41,16 @@ FieldBase* field_at(Root& root, std::string_view path) {
   if (v->is_field()) return static_cast<FieldBase*>(v);
   if (auto* io = dynamic_cast<IOBase*>(v); io && io->value_field()) return io->value_field();
   ZEL_ERROR("Vertex is neither Field or IO '{}", path);
+  return nullptr;
+}
+
+// How long a save waits for a busy context to read its members before it
+// reads them itself.
+constexpr auto kSnapshotWait = std::chrono::seconds(1);
+
+Context* owner_context(const FieldBase& field) {
+  for (const Vertex* v = field.parent(); v; v = v->parent())
+    if (auto* node = dynamic_cast<const Node*>(v)) return node->context();
   return nullptr;
 }
 
@@ -98,7 +109,7 @@ void StoreManager::join(const std::string& name, std::string path, FieldBase* va
   }
   // Listeners run on whichever thread sets the value: they only raise a flag.
   value->listen([changed = store->changed] { changed->store(true, std::memory_order_release); });
-  store->members.push_back({std::move(path), value});
+  store->members.push_back({std::move(path), value, owner_context(*value)});
 }
 
 std::vector<std::string> StoreManager::member_paths(const std::string& name) const {
@@ -175,12 +186,53 @@ void StoreManager::keep_malformed_file_aside(const std::string& file) {
   else ZEL_ERROR("Malformed store file not kept aside: {}", error);
 }
 
-std::string StoreManager::render(const Store& store) const {
-  StoreText text(store.last_size);
+StoreManager::Snapshot StoreManager::snapshot(const Store& store) const {
+  // Reads the members that `context` owns into `values`.
+  auto read = [&members = store.members](Context* context, Snapshot& values) {
+    for (size_t i = 0; i < members.size(); ++i) {
+      auto& m = members[i];
+      if (m.context != context || !m.value->assigned()) continue;  // never set: nothing worth keeping
+      m.value->write_json(values[i].emplace());
+    }
+  };
+  struct Reading {
+    Context* context;
+    std::shared_ptr<Snapshot> values;  // shared: a reading that comes too late writes into its own
+    std::future<void> done;
+  };
+  Snapshot values(store.members.size());
+  std::vector<Reading> readings;
   for (auto& m : store.members) {
-    if (!m.value->assigned()) continue;  // never set: nothing worth keeping
-    m.value->write_json(text.member(m.path));
+    bool seen = false;
+    for (auto& r : readings) seen = seen || r.context == m.context;
+    if (seen) continue;
+    if (!m.context || !m.context->running() || m.context->in_context()) {
+      readings.push_back({m.context, nullptr, {}});
+      continue;
+    }
+    auto late = std::make_shared<Snapshot>(store.members.size());
+    auto finished = std::make_shared<std::promise<void>>();
+    readings.push_back({m.context, late, finished->get_future()});
+    m.context->post([read, context = m.context, late, finished] {
+      read(context, *late);
+      finished->set_value();
+    });
   }
+  for (auto& r : readings) {
+    if (r.values && r.done.wait_for(kSnapshotWait) == std::future_status::ready) {
+      for (size_t i = 0; i < values.size(); ++i)
+        if ((*r.values)[i]) values[i] = std::move((*r.values)[i]);
+    } else {
+      read(r.context, values);  // a context that does not answer in time is read from here
+    }
+  }
+  return values;
+}
+
+std::string StoreManager::render(const Store& store, const Snapshot& values) const {
+  StoreText text(store.last_size);
+  for (size_t i = 0; i < store.members.size(); ++i)
+    if (values[i]) text.member(store.members[i].path) += *values[i];
   return text.finish();
 }
 
@@ -188,7 +240,7 @@ std::string StoreManager::text(const std::string& name) const {
   auto* store = find_store(name);
   if (!store || store->members.empty()) return {};
   std::lock_guard lock(saving_);
-  return render(*store);
+  return render(*store, snapshot(*store));
 }
 
 bool StoreManager::save(const std::string& name) {
@@ -200,17 +252,18 @@ bool StoreManager::save(const std::string& name) {
   return save(*store);
 }
 
-bool StoreManager::save(Store& store) {
+bool StoreManager::save(Store& store, bool at_shutdown) {
   if (store.members.empty()) return false;
   std::lock_guard lock(saving_);
   // Cleared before the values are read: a change from now on is saved next time.
   store.changed->store(false, std::memory_order_release);
-  std::string content = render(store);
+  std::string content = render(store, snapshot(store));
   store.last_size = content.size();
   std::string error;
   if (!AtomicFile::write(Paths::store_file(store.name), content, error)) {
     store.changed->store(true, std::memory_order_release);
-    if (error != store.last_error) ZEL_ERROR("Can't save store '{}': {}", store.name, error);
+    if (at_shutdown) ZEL_ERROR("Can't save store '{}' at shutdown, its latest changes are lost: {}", store.name, error);
+    else if (error != store.last_error) ZEL_ERROR("Can't save store '{}': {}", store.name, error);
     store.last_error = error;
     return false;
   }
@@ -230,7 +283,7 @@ void StoreManager::write_listed_stores() {
 
 void StoreManager::flush() {
   for (auto& store : stores_)
-    if (store.changed->load(std::memory_order_acquire)) save(store);
+    if (store.changed->load(std::memory_order_acquire)) save(store, true);
 }
 
 void StoreManager::service() {

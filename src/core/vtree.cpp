@@ -38,6 +38,12 @@ VTree& VTree::set(std::string key, std::string value) {
   return *this;
 }
 
+bool VTree::erase(std::string_view key) {
+  auto before = attributes_.size();
+  std::erase_if(attributes_, [key](const Attribute& a) { return a.first == key; });
+  return attributes_.size() != before;
+}
+
 VTree& VTree::add_child(VTree child) {
   if (child.path_.empty()) child.path_ = path_.empty() ? child.name_ : path_ + "/" + child.name_;
   if (!child.format_) child.format_ = format_;
@@ -48,7 +54,8 @@ VTree& VTree::add_child(VTree child) {
 const Format& VTree::format() const { return format_ ? *format_ : FormatXML::instance(); }
 
 void VTree::throw_conversion(std::string_view key, std::string_view text, std::string_view type) const {
-  throw ConfigError(fmt::format("Setting '{}' of '{}' can't be read as {}: '{}'", key, path_, type, text));
+  throw ConfigError(fmt::format("Setting '{}' of '{}' can't be read as {}: '{}'", key, path_, type, text), path_,
+                    std::string(key));
 }
 
 template <class T>

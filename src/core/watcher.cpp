@@ -17,8 +17,9 @@
 
 namespace {
 
-// The events a folder can tell about one of its entries being replaced.
-constexpr uint32_t kReplacementEvents = inotify::kMovedTo | inotify::kCloseWrite;
+// The events a folder can tell about one of its entries being replaced: a
+// symbolic link made anew under the name is a create and nothing more.
+constexpr uint32_t kReplacementEvents = inotify::kMovedTo | inotify::kCloseWrite | inotify::kCreate;
 
 struct Target {
   std::string path;

@@ -118,7 +118,9 @@ std::unique_ptr<Root> FormatXML::build(std::string_view text) const {
   auto tree = parse(text);
   if (!tree) return nullptr;
   try {
-    return NodeFactory::make<Root>(*tree);
+    // The root must exist: a bad setting of its own is left out like one of
+    // its built-in children's.
+    return NodeFactory::make_built_in<Root>(*tree);
   } catch (const std::exception& e) {
     ZEL_ERROR("Root construction failed: {}", e.what());
     return nullptr;

@@ -88,15 +88,29 @@ bool write_temporary(const std::string& temporary, std::string_view content, std
 }  // namespace
 
 AtomicFile::ReadResult AtomicFile::read(const std::string& path, std::string& content, std::string& error) {
-  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  // Not blocking: opening a FIFO would wait for a writer.
+  Descriptor fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   if (!fd.valid()) {
     if (errno == ENOENT) return ReadResult::Missing;
     error = describe("Can't open", path, errno);
     return ReadResult::Failed;
   }
   struct stat status {};
-  if (::fstat(fd.get(), &status) == 0 && status.st_size > 0) content.reserve(static_cast<size_t>(status.st_size));
+  if (::fstat(fd.get(), &status) != 0) {
+    error = describe("Can't inspect", path, errno);
+    return ReadResult::Failed;
+  }
+  if (!S_ISREG(status.st_mode)) {
+    error = "'" + path + "' is not a regular file";
+    return ReadResult::Failed;
+  }
+  auto too_large = [&] {
+    error = "'" + path + "' holds more than " + std::to_string(kMaxReadSize) + " bytes";
+    return ReadResult::Failed;
+  };
+  if (static_cast<unsigned long long>(status.st_size) > kMaxReadSize) return too_large();
   content.clear();
+  content.reserve(static_cast<size_t>(status.st_size));
   char buffer[65536];
   for (;;) {
     ssize_t n = ::read(fd.get(), buffer, sizeof buffer);
@@ -107,6 +121,7 @@ AtomicFile::ReadResult AtomicFile::read(const std::string& path, std::string& co
     }
     if (n == 0) return ReadResult::Ok;
     content.append(buffer, static_cast<size_t>(n));
+    if (content.size() > kMaxReadSize) return too_large();  // it grew while being read
   }
 }
 

@@ -3,12 +3,16 @@
 #include <pthread.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
 #include <cerrno>
 #include <climits>
 #include <fcntl.h>
@@ -24,6 +28,26 @@ std::string Process::executable_path() {
   std::array<char, PATH_MAX> buffer{};
   ssize_t n = ::readlink("/proc/self/exe", buffer.data(), buffer.size() - 1);
   return n > 0 ? std::string(buffer.data(), static_cast<size_t>(n)) : std::string();
+}
+
+std::string Process::started_path(const char* argv0) {
+  namespace fs = std::filesystem;
+  std::string name = argv0 ? argv0 : "";
+  std::error_code ec;
+  if (name.find('/') != std::string::npos) return fs::absolute(name, ec).lexically_normal().string();
+  const char* search = std::getenv("PATH");
+  std::string_view folders = search ? search : "/usr/local/bin:/usr/bin:/bin";
+  while (!name.empty()) {
+    auto colon = folders.find(':');
+    std::string folder(folders.substr(0, colon));
+    fs::path candidate = fs::absolute(folder.empty() ? "." : folder, ec) / name;
+    struct stat info {};
+    if (::stat(candidate.c_str(), &info) == 0 && S_ISREG(info.st_mode) && ::access(candidate.c_str(), X_OK) == 0)
+      return candidate.lexically_normal().string();
+    if (colon == std::string_view::npos) break;
+    folders.remove_prefix(colon + 1);
+  }
+  return executable_path();
 }
 
 bool Process::alive(std::string_view pid_text) {
@@ -81,6 +105,59 @@ int Process::replace_image(const char* program, char* const argv[], const char* 
   return errno;
 }
 
+int Process::replace_image_retrying(const char* program, char* const argv[], const char* dir, int interval_ms,
+                                    int limit_ms) {
+  int error = replace_image(program, argv, dir);
+  for (int waited = 0; waited < limit_ms; waited += interval_ms) {
+    struct timespec interval {interval_ms / 1000, (interval_ms % 1000) * 1000000L};
+    while (::nanosleep(&interval, &interval) != 0 && errno == EINTR) {
+    }
+    error = replace_image(program, argv, dir);
+  }
+  return error;
+}
+
+namespace {
+
+// One per thread that asked for it; the stack goes with the thread.
+class AlternateSignalStack {
+ public:
+  AlternateSignalStack() {
+    // One set up by someone else (a sanitizer's runtime) stays theirs.
+    stack_t present{};
+    if (::sigaltstack(nullptr, &present) == 0 && !(present.ss_flags & SS_DISABLE)) return;
+    void* memory = ::mmap(nullptr, kSize, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) return;
+    stack_t stack{};
+    stack.ss_sp = memory;
+    stack.ss_size = kSize;
+    if (::sigaltstack(&stack, nullptr) != 0) {
+      ::munmap(memory, kSize);
+      return;
+    }
+    memory_ = memory;
+  }
+  ~AlternateSignalStack() {
+    if (!memory_) return;
+    stack_t off{};
+    off.ss_flags = SS_DISABLE;
+    ::sigaltstack(&off, nullptr);
+    ::munmap(memory_, kSize);
+  }
+  AlternateSignalStack(const AlternateSignalStack&) = delete;
+  AlternateSignalStack& operator=(const AlternateSignalStack&) = delete;
+
+ private:
+  // Room for the fault handler (a message and an exec) and for a sanitizer's
+  // handler in the instrumented builds.
+  static constexpr size_t kSize = 256 * 1024;
+  void* memory_ = nullptr;
+};
+
+}  // namespace
+
+void Process::use_alternate_signal_stack() { thread_local AlternateSignalStack stack; }
+
 namespace {
 
 struct FaultRoute {
@@ -115,7 +192,7 @@ void Process::catch_genuine_faults(int signal, FaultHandler handler) {
   route.genuine = handler;
   struct sigaction action {};
   action.sa_sigaction = route_fault;
-  action.sa_flags = SA_SIGINFO;
+  action.sa_flags = SA_SIGINFO | SA_ONSTACK;
   sigfillset(&action.sa_mask);
   ::sigaction(signal, &action, &route.previous);
 }

@@ -60,7 +60,8 @@ PolyModel<N, P>::PolyModel(const VTree& config) : Component(config), channel_(*t
   if (config.get("order", configured_order)) {
     if (!order_->accepts(configured_order))
       throw ConfigError(fmt::format("Setting 'order' of '{}' is not one of linear, quad, cubic: '{}'", config.path(),
-                                    configured_order));
+                                    configured_order),
+                        config.path(), "order");
     order_->set(configured_order);
   }
 
