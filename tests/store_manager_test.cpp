@@ -179,11 +179,15 @@ TEST(Loading, UnknownPathsAreSkippedSilentlyAndNonValuesAreLogged) {
   LogCapture log;
   auto root = start(quiet(R"(<x type="analog_io" store="config"/><box type="component" label="Crate"/>)"));
   EXPECT_EQ(at<AnalogIO>(*root, "x").get(), 7.0);
-  EXPECT_EQ(dynamic_cast<Node&>(*root->find_path("box")).label(), "Box");  // a field, set by path
+  // An attribute describes its node: a store restores values, never those.
+  EXPECT_EQ(dynamic_cast<Node&>(*root->find_path("box")).label(), "Crate");
   std::vector<std::string> errors;
   for (auto& e : log.entries())
     if (e.level == LogLevel::Error) errors.push_back(e.source + " " + e.text);
-  EXPECT_EQ(errors, (std::vector<std::string>{"src/core/store_manager Error: Vertex is neither Field or IO 'box"}));
+  EXPECT_EQ(errors, (std::vector<std::string>{
+                        "src/core/store_manager Error: Vertex is neither Field or IO 'box",
+                        "src/core/write_path Error: User can't set Field, readonly store config box/label: describes "
+                        "its node and is not a value"}));
 }
 
 TEST(Loading, WithoutARootLogsFailedToInitializeRoot) {
@@ -227,8 +231,8 @@ TEST(Loading, WrongTypedMemberIsLoggedByItsFieldWhileTheOthersLoad) {
   EXPECT_EQ(at<AnalogIO>(*root, "a").get(), 1.0);
   EXPECT_EQ(at<AnalogIO>(*root, "b").get(), 2.0);
   EXPECT_EQ(at<StringIO>(*root, "c").get(), "keep");
-  EXPECT_TRUE(log.contains("Error: Can't convert '\"fast\"' to double for 'a/value'"));
-  EXPECT_TRUE(log.contains("Error: Can't convert '[1]' to string for 'c/value'"));
+  EXPECT_TRUE(log.contains("Error: User can't set Field store config a/value: '\\\"fast\\\"' is not a double"));
+  EXPECT_TRUE(log.contains("Error: User can't set Field store config c/value: '[1]' is not a string"));
 }
 
 TEST(Loading, StoreThatNoMemberUsesIsNotApplied) {

@@ -42,6 +42,9 @@ WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebSha
       protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
       push_timer_(ws_.get_executor()) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
+  beast::error_code ec;
+  auto peer = ws_.next_layer().socket().remote_endpoint(ec);
+  if (!ec) protocol_.set_client(peer.address().to_string() + ":" + std::to_string(peer.port()));
 }
 
 WebsocketSession::~WebsocketSession() {
