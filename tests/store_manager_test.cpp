@@ -190,6 +190,29 @@ TEST(Loading, UnknownPathsAreSkippedSilentlyAndNonValuesAreLogged) {
                         "its node and is not a value"}));
 }
 
+// A store restores settings and values; it never presses a button or sets a
+// state, and a store manager's delays are checked like every other setting.
+TEST(Loading, StoresRestoreValuesOnlyAndAbsurdDelaysAreRefused) {
+  DataRoot data;
+  write_text(data.store("config"),
+             R"({"admin/store_manager/service_button": true, "interlocks/summary": "error", "x": 7})");
+  Root::reset_configuration_errors();
+  LogCapture log;
+  auto root = start(R"(<root><admin><store_manager save_delay="1e-9" hourmeter_period="-5"/></admin>
+                       <x type="analog_io" store="config"/><spare type="store_manager"/></root>)");
+  EXPECT_EQ(at<AnalogIO>(*root, "x").get(), 7.0);
+  EXPECT_EQ(at<ButtonField>(*root, "admin/store_manager/service_button").presses(), 0u);
+  EXPECT_EQ(root->find_path("interlocks/summary")->json(), R"({"value":"ok"})");
+  EXPECT_TRUE(log.contains("service_button: is a button: a store never presses one"));
+  EXPECT_TRUE(log.contains("interlocks/summary/value: is a value of a read-only node"));
+  EXPECT_TRUE(log.contains(
+      "Setting 'save_delay' of 'admin/store_manager' refused: 1e-9 is out of range: takes 0 (off) or from 0.01 to 86400"));
+  EXPECT_EQ(stores(*root).save_delay().get(), 1.0);
+  EXPECT_TRUE(log.contains("Setting 'hourmeter_period' of 'admin/store_manager' refused: -5"));
+  EXPECT_TRUE(log.contains("A second store manager at 'spare' is refused: 'admin/store_manager' keeps the stores"));
+  EXPECT_EQ(Root::configuration_errors(), 2u);
+}
+
 TEST(Loading, WithoutARootLogsFailedToInitializeRoot) {
   DataRoot data;
   write_text(data.store("config"), R"({"x": 7})");

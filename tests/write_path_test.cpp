@@ -95,7 +95,7 @@ TEST(WritePath, ANodeObjectIsAppliedWholeOrNotAtAll) {
   EXPECT_TRUE(permit.gate_command().get());
   EXPECT_TRUE(log.contains(R"(User file tester set 'c/p/value' from 1 to 3)"));
   EXPECT_EQ(write(*root, WriteSource::File, "c", R"({"p":)").status, WriteStatus::BadValue);
-  EXPECT_EQ(write(*root, WriteSource::File, "c", std::string(WritePath::kMaxTextBytes, ' ')).status,
+  EXPECT_EQ(write(*root, WriteSource::File, "c", std::string(WritePath::kMaxTextBytes, 'x')).status,
             WriteStatus::TooLarge);
 }
 

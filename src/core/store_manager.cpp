@@ -84,6 +84,16 @@ const StoreManager::Store* StoreManager::find_store(const std::string& name) con
 void StoreManager::init() {
   Vertex* top = this;
   while (top->parent()) top = top->parent();
+  // One manager keeps the stores; a second would write every store twice.
+  StoreManager* first = nullptr;
+  top->visit([&](Vertex& v) {
+    if (!first) first = dynamic_cast<StoreManager*>(&v);
+  });
+  if (first != this) {
+    second_ = true;
+    ZEL_ERROR("A second store manager at '{}' is refused: '{}' keeps the stores", path(), first->path());
+    return;
+  }
   top->visit([this](Vertex& v) {
     if (v.is_field()) {
       auto& field = static_cast<FieldBase&>(v);
@@ -113,7 +123,9 @@ std::vector<std::string> StoreManager::member_paths(const std::string& name) con
   return paths;
 }
 
-void StoreManager::restore() { load_all(); }
+void StoreManager::restore() {
+  if (!second_) load_all();
+}
 
 void StoreManager::load_all() {
   if (!root()) {
@@ -237,11 +249,13 @@ void StoreManager::write_listed_stores() {
 }
 
 void StoreManager::flush() {
+  if (second_) return;
   for (auto& store : stores_)
     if (store.changed->load(std::memory_order_acquire)) save(store);
 }
 
 void StoreManager::service() {
+  if (second_) return;
   for (auto& store : stores_) save(store);
 }
 
@@ -252,6 +266,7 @@ void StoreManager::every_seconds(double seconds, Job job) {
 
 void StoreManager::start() {
   CtxComp::start();
+  if (second_) return;
   every_seconds(save_delay_.get(), [this] { save_changed(true); });
   every_seconds(hourmeter_period_.get(), [this] { write_listed_stores(); });
 }

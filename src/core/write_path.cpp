@@ -203,12 +203,6 @@ WriteAnswer WritePath::check(const FieldBase& field, const Caller& caller, std::
 }
 
 WriteAnswer WritePath::write(Vertex& top, const WriteRequest& request) {
-  if (request.text.size() >= kMaxTextBytes) {
-    auto answer = refused(WriteStatus::TooLarge, fmt::format("a text of {} bytes: the most is {}", request.text.size(),
-                                                              kMaxTextBytes - 1));
-    log_refusal(request.caller, request.path, answer);
-    return answer;
-  }
   Vertex* target = top.find(request.path);
   if (!target) {
     auto answer = refused(WriteStatus::NotFound, "there is nothing at that path");
