@@ -44,6 +44,8 @@ class Context {
   // The period of a job run `hz` times a second, for every(); nothing for a
   // rate that asks for no runs (zero, negative, NaN).
   static std::optional<std::chrono::nanoseconds> period_of(double hz);
+  // Runs `job` once, `delay` from now. Cancelled like a periodic job.
+  TimerId after(std::chrono::nanoseconds delay, Job job);
   void cancel(TimerId id);
   void cancel_all();
 
@@ -51,6 +53,8 @@ class Context {
   boost::asio::io_context& io();
 
  private:
+  TimerId schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds period, Job job);
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

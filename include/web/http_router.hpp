@@ -3,8 +3,10 @@
 //
 //   GET  /io/<path>[.json | /index.json]   the vertex or field as JSON, the same
 //                                          text as the file system's files
-//   PUT  /io/<path>[.json]   (or POST)      sets a field (or an IO's value) from
-//                                          the body's value text; answers
+//   PUT  /io/<path>[.json]   (or POST)      one write through the write path: a
+//                                          field (or an IO's value) from the
+//                                          body's value text, a node from an
+//                                          object of its members; answers
 //                                          {"status":"success"} or
 //                                          {"status":"failed"} with the reason in
 //                                          the header X-Zel-Error
@@ -25,6 +27,7 @@ struct HttpRequestView {
   std::string_view method;  // "GET", "PUT", ...
   std::string_view target;  // as sent: "/io/pulse/count.json?x=1"
   std::string_view body;
+  std::string_view client;  // the peer's address, for the log
 };
 
 struct HttpReply {
@@ -48,7 +51,7 @@ class HttpRouter {
 
  private:
   HttpReply read_tree(std::string_view target) const;
-  HttpReply set_field(std::string_view target, std::string_view body) const;
+  HttpReply set_field(const HttpRequestView& request) const;
   HttpReply describe_tree(std::string_view target) const;
   HttpReply interlocks() const;
   HttpReply log_records(std::string_view target) const;

@@ -33,14 +33,24 @@ struct Context::Impl {
     Periodic(boost::asio::io_context& io, std::chrono::nanoseconds period, Job job)
         : timer(io), period(period), job(std::move(job)) {}
     boost::asio::steady_timer timer;
-    std::chrono::nanoseconds period;
+    std::chrono::nanoseconds period;  // zero: runs once
     Job job;
     std::atomic<bool> cancelled{false};
   };
 
+  void forget(TimerId id) {
+    std::lock_guard lock(mutex);
+    timers.erase(id);
+  }
+
   void arm(TimerId id, std::shared_ptr<Periodic> p) {
     p->timer.async_wait([this, id, p](const boost::system::error_code& ec) {
       if (ec || p->cancelled) return;
+      if (p->period.count() == 0) {
+        forget(id);
+        run_job(p->job);
+        return;
+      }
       run_job(p->job);
       if (p->cancelled) return;
       auto next = p->timer.expiry() + p->period;
@@ -125,8 +135,16 @@ Context::TimerId Context::every(std::chrono::nanoseconds period, Job job) {
              clamped.count());
     period = clamped;
   }
+  return schedule(period, period, std::move(job));
+}
+
+Context::TimerId Context::after(std::chrono::nanoseconds delay, Job job) {
+  return schedule(std::max(delay, std::chrono::nanoseconds(0)), std::chrono::nanoseconds(0), std::move(job));
+}
+
+Context::TimerId Context::schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds period, Job job) {
   auto p = std::make_shared<Impl::Periodic>(impl_->io, period, std::move(job));
-  p->timer.expires_after(period);
+  p->timer.expires_after(first);
   TimerId id;
   {
     std::lock_guard lock(impl_->mutex);

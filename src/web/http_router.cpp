@@ -8,6 +8,7 @@
 #include "core/log_io.hpp"
 #include "core/root.hpp"
 #include "web/document_root.hpp"
+#include "core/write_path.hpp"
 #include "web/field_access.hpp"
 #include "web/tree_description.hpp"
 
@@ -78,7 +79,7 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   bool write = request.method == "PUT" || request.method == "POST";
   if (has_prefix_segment(target, "/io")) {
     if (read) return read_tree(target);
-    if (write) return set_field(target, request.body);
+    if (write) return set_field(request);
   } else if (read) {
     if (has_prefix_segment(target, "/api/tree")) return describe_tree(target);
     if (has_prefix_segment(target, "/api/interlocks")) return interlocks();
@@ -97,29 +98,21 @@ HttpReply HttpRouter::read_tree(std::string_view target) const {
   return json_reply(vertex->json());
 }
 
-HttpReply HttpRouter::set_field(std::string_view target, std::string_view body) const {
+HttpReply HttpRouter::set_field(const HttpRequestView& request) const {
   HttpReply reply = json_reply(std::string(kFailed));
-  auto path = tree_path(target, "/io");
+  auto path = tree_path(request.target, "/io");
   if (!path) {
     reply.status = 400;
     reply.error = "The target names no field.";
     return reply;
   }
-  switch (FieldAccess::set(root_, *path, body, reply.error)) {
-    case FieldAccess::Outcome::Done:
-      reply.body = kSuccess;
-      break;
-    case FieldAccess::Outcome::NotFound:
-      reply.status = 404;
-      break;
-    case FieldAccess::Outcome::ReadOnly:
-      reply.status = 403;
-      break;
-    case FieldAccess::Outcome::Refused:
-      reply.status = 400;
-      break;
+  auto answer = WritePath::write(root_, {{WriteSource::Http, request.client}, *path, request.body});
+  if (answer.ok()) {
+    reply.body = kSuccess;
+    return reply;
   }
-  if (reply.status != 200) ZEL_ERROR("Web client set refused: {}", reply.error);
+  reply.status = answer.http_status();
+  reply.error = std::move(answer.reason);
   return reply;
 }
 

@@ -84,7 +84,10 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
     std::make_shared<WebsocketSession>(stream_.release_socket(), shared_)->run(parser_->release());
     return;
   }
-  HttpRequestView view{request.method_string(), request.target(), request.body()};
+  beast::error_code peer_error;
+  auto peer = stream_.socket().remote_endpoint(peer_error);
+  std::string client = peer_error ? std::string() : peer.address().to_string() + ":" + std::to_string(peer.port());
+  HttpRequestView view{request.method_string(), request.target(), request.body(), client};
   auto reply = shared_->router().answer(view);
   queue_reply(make_response(request.version(), request.keep_alive(), std::move(reply),
                             request.method() == http::verb::head));

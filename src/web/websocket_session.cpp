@@ -43,6 +43,9 @@ WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebSha
       protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
       rounds_(boost::asio::use_service<PushRounds>(ws_.get_executor().get_inner_executor().context())) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
+  beast::error_code ec;
+  auto peer = ws_.next_layer().socket().remote_endpoint(ec);
+  if (!ec) protocol_.set_client(peer.address().to_string() + ":" + std::to_string(peer.port()));
 }
 
 WebsocketSession::~WebsocketSession() {

@@ -26,7 +26,10 @@ const CONFIG = `<root label="Browser Test Rig">
     <gauge type="analog_io" label="Gauge" units="mbar" readonly="true" value="1"/>
   </channels>
   <gen type="signal_generator" label="Test signal" enabled="false"/>
-  <interlocks><door type="digital_io" label="Door closed" color="green" value="true"/></interlocks>
+  <interlocks>
+    <door_switch type="digital_io" value="true"/>
+    <door type="digital_interlock_io" label="Door closed" input="interlocks/door_switch" polarity="0"/>
+  </interlocks>
   <i2c type="i2c_bus" device="sim">
     <display type="us2066" address="60" lines="2" row_0="Hello" row_1="Rig"><poll rate="20"/></display>
     <port type="pcf8574" address="32" command="15"><poll rate="20"/></port>
@@ -163,10 +166,10 @@ test("a refused set tells the operator why and changes nothing", async () => {
   const row = rowOf("channels/temperature/value");
   await row.locator("input").fill("warm");
   await row.locator("button.set").click();
-  await shows(row.locator(".row-error"), "cannot take 'warm'");
+  await shows(row.locator(".row-error"), "'warm' is not a double");
   await shows(page.locator(".toast"), "Not set");
   assert.deepEqual(await read("channels/temperature/value"), before);
-  await shows(page.locator(".log-record.error"), "Web client set refused");
+  await shows(page.locator(".log-record.error"), "User can't set Field http");
 });
 
 test("a button asks for confirmation and only then acts", async () => {
@@ -190,11 +193,11 @@ test("the interlock overview follows each interlock's colour", async () => {
   const tile = page.locator('.tile[data-path="interlocks/door"]');
   await shows(tile, "OK");
   await shows(page.locator("#interlock-summary"), "Interlocks: OK");
-  // Colours are the interlocks' own business; a WebSocket set stands in here.
+  // The door opens: its interlock trips and turns red.
   await page.evaluate(() => new Promise((resolve) => {
     const socket = new WebSocket(`ws://${location.host}/`);
     socket.onopen = () => {
-      socket.send(JSON.stringify({ event: "set", data: { "interlocks/door/color": "red" } }));
+      socket.send(JSON.stringify({ event: "set", data: { "interlocks/door_switch/value": false } }));
       setTimeout(() => { socket.close(); resolve(); }, 100);
     };
   }));
