@@ -4,6 +4,7 @@
 #include <thread>
 
 #include "core/component.hpp"
+#include "core/context.hpp"
 #include "core/pulse.hpp"
 #include "core/root.hpp"
 #include "formats/format_xml.hpp"
@@ -64,20 +65,29 @@ TEST(Lifecycle, PollRunsOnTheContextAtItsRateAndEndsAtStop) {
   EXPECT_EQ(r.polls, after_stop);
 }
 
-TEST(Lifecycle, PollRateOfZeroStopsPollingAndAHugeRateIsClampedNotSpun) {
+TEST(Lifecycle, PollRatesOutOfRangeAreRefusedAndAZeroPeriodNeverSpinsAContext) {
   LogCapture log;
   auto root = FormatXML::instance().build(
       R"(<root><still type="recorder"><poll rate="0"/></still><fast type="recorder"><poll rate="1e12"/></fast></root>)");
   root->initialize();
   auto& still = static_cast<Recorder&>(*root->find_path("still"));
   auto& fast = static_cast<Recorder&>(*root->find_path("fast"));
+  // Beneath the settings, the context itself clamps a period that would spin.
+  Context context("spin_guard");
+  context.start_context();
+  std::atomic<int> runs{0};
+  context.every(std::chrono::nanoseconds(0), [&] { ++runs; });
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  context.stop_context();
   root->stop_all();
+  EXPECT_TRUE(log.contains("Setting 'rate' of 'still/poll' refused: 0 is out of range"));
+  EXPECT_TRUE(log.contains("Setting 'rate' of 'fast/poll' refused: 1e12 is out of range"));
   EXPECT_EQ(still.polls, 0);
-  // At the shortest period, 100 us, 200 ms hold at most 2000 polls; a
+  EXPECT_EQ(fast.polls, 0);
+  // At the shortest period, 100 us, 200 ms hold at most 2000 runs; a
   // spinning thread makes millions.
-  EXPECT_GT(fast.polls, 0);
-  EXPECT_LE(fast.polls, 2000);
+  EXPECT_GT(runs, 0);
+  EXPECT_LE(runs, 2000);
   EXPECT_TRUE(log.contains("a period of 0 ns is out of range; the job runs every 100000 ns"));
 }
 
