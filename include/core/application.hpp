@@ -53,6 +53,8 @@ class Application {
   static constexpr uint32_t kProgramFileMask = 0x9C8;
   // How long the tree's destruction may take at shutdown.
   static constexpr std::chrono::milliseconds kShutdownLimit{8000};
+  // How long a final save may wait for its turn and take.
+  static constexpr std::chrono::milliseconds kFinalSaveLimit{2000};
 
  private:
   Application();
@@ -68,7 +70,10 @@ class Application {
   std::string read_configuration();
   void watch_program_file();
   void run_main_loop();
-  void shutdown();
+  // False when the tree's destruction ran out of time (the stores are
+  // saved all the same).
+  bool shutdown();
+  void save_before_giving_up();
 
   void on_interruption(int signal);
   void on_fault(int signal);

@@ -18,6 +18,7 @@
 #include <boost/program_options.hpp>
 
 #include "core/clock.hpp"
+#include "core/final_save.hpp"
 #include "core/log.hpp"
 #include "core/root.hpp"
 #include "core/watcher.hpp"
@@ -138,8 +139,8 @@ int Application::start(int argc, char** argv) {
   }
   run_main_loop();
   watcher_->stop();
-  shutdown();
-  return 0;
+  // A stop that ran out of time is no orderly stop: a service manager sees it.
+  return shutdown() ? 0 : 1;
 }
 
 bool Application::parse_options(int argc, char** argv, int& status) {
@@ -261,7 +262,7 @@ void Application::run_main_loop() {
   }
 }
 
-void Application::shutdown() {
+bool Application::shutdown() {
   running_ = false;
   std::atomic_thread_fence(std::memory_order_seq_cst);
   auto finished = std::make_shared<std::promise<void>>();
@@ -269,6 +270,9 @@ void Application::shutdown() {
   std::thread([root = std::exchange(root_, nullptr), finished] {
     Process::name_this_thread("shutdown");
     ZEL_INFO("Clean Shutdown");
+    // The settings as they stand when the stop begins are saved before any
+    // part of the tree stops: a stage that hangs cannot lose them.
+    FinalSave::run(kFinalSaveLimit);
     try {
       delete root;
     } catch (const std::exception& e) {
@@ -277,12 +281,16 @@ void Application::shutdown() {
     finished->set_value();
   }).detach();
   auto begin = std::chrono::steady_clock::now();
+  bool timed_out = false;
   while (done.wait_for(100ms) != std::future_status::ready) {
     if (std::chrono::steady_clock::now() - begin > kShutdownLimit - 1ms) {
       ZEL_ERROR("Shutdown process timed out");
+      timed_out = true;
       break;
     }
   }
+  // Whatever changed after the first save and was not saved at stop2 yet.
+  if (timed_out) save_before_giving_up();
   heartbeat_.detach(restart_requested() ? Heartbeat::Ending::Restart : Heartbeat::Ending::Exit);
   if (restart_requested()) {
     std::cout.flush();
@@ -290,10 +298,24 @@ void Application::shutdown() {
     restart_ = false;
     std::atomic_thread_fence(std::memory_order_seq_cst);
     ZEL_ERROR("{} execv", std::strerror(error));
-    return;
+    return !timed_out;
   }
   if (reboot_requested()) Process::run_shell(PlatformCommands::table().reboot);
   stop_signal_thread();
+  return !timed_out;
+}
+
+void Application::save_before_giving_up() {
+  // On a thread of its own: a saver stuck behind a hung stage must not keep
+  // the process from ending.
+  auto finished = std::make_shared<std::promise<void>>();
+  auto done = finished->get_future();
+  std::thread([finished] {
+    Process::name_this_thread("final save");
+    FinalSave::run(kFinalSaveLimit);
+    finished->set_value();
+  }).detach();
+  if (done.wait_for(kFinalSaveLimit + 100ms) != std::future_status::ready) ZEL_ERROR("Final save timed out");
 }
 
 void Application::on_interruption(int signal) {

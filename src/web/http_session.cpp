@@ -37,8 +37,14 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
 
 }  // namespace
 
-HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
-    : stream_(std::move(socket)), shared_(std::move(shared)), queue_(shared_->limits().http_pipeline_max) {
+HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot,
+                         std::string address)
+    : stream_(std::move(socket)),
+      buffer_(shared->limits().http_buffer_max),
+      shared_(std::move(shared)),
+      queue_(shared_->limits().http_pipeline_max, shared_->limits().http_output_max),
+      slot_(std::move(slot)),
+      address_(std::move(address)) {
   shared_->http_opened();
 }
 
@@ -70,8 +76,11 @@ void HTTPSession::on_header(beast::error_code ec, size_t bytes) {
 
 void HTTPSession::on_read(beast::error_code ec, size_t) {
   reading_ = false;
-  if (ec == http::error::body_limit) return refuse(413, "Request body too large");
-  if (ec == http::error::header_limit) return refuse(431, "Request header too large");
+  if (ec == http::error::body_limit) return refuse_breach(413, "body", "Request body too large");
+  if (ec == http::error::header_limit) return refuse_breach(431, "header", "Request header too large");
+  // Bytes that could not be parsed within the buffer: a chunk size line
+  // with endless extensions, or endless trailers.
+  if (ec == http::error::buffer_overflow) return refuse_breach(431, "buffer", "Request header too large");
   if (ec && is_http_parse_error(ec) && ec != http::error::end_of_stream && ec != http::error::partial_message) {
     ZEL_ERROR("Bad HTTP request: {}", ec.message());
     return refuse(400, "Bad request");
@@ -81,7 +90,7 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
   auto& request = parser_->get();
   if (beast::websocket::is_upgrade(request)) {
     stream_.expires_never();
-    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_)->run(parser_->release());
+    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(slot_))->run(parser_->release());
     return;
   }
   HttpRequestView view{request.method_string(), request.target(), request.body()};
@@ -97,6 +106,11 @@ void HTTPSession::refuse(unsigned status, std::string_view text) {
   reply.status = status;
   reply.body = text;
   queue_reply(make_response(11, false, std::move(reply), false));
+}
+
+void HTTPSession::refuse_breach(unsigned status, std::string_view limit, std::string_view text) {
+  shared_->breach(limit, address_, fmt::format("{} ({}), answered {}", text, limit, status));
+  refuse(status, text);
 }
 
 void HTTPSession::queue_reply(HttpWorkQueue::Response&& response) {
