@@ -73,11 +73,11 @@ class GoodClient {
     stop_ = true;
     if (thread_.joinable()) thread_.join();
   }
-  std::chrono::milliseconds p99() {
+  std::chrono::duration<double, std::milli> p99() {
     finish();
     if (times_.empty()) return 10s;
     std::sort(times_.begin(), times_.end());
-    return std::chrono::duration_cast<std::chrono::milliseconds>(times_[times_.size() * 99 / 100]);
+    return times_[times_.size() * 99 / 100];
   }
 
  private:

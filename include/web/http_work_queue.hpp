@@ -17,6 +17,7 @@ class HttpWorkQueue {
 
   bool full() const { return items.size() >= limit_ || bytes_ >= byte_limit_; }
   bool empty() const { return items.empty(); }
+  size_t bytes() const { return bytes_; }
 
   // Queues a reply; true when it is the only one, so the caller starts
   // writing it (otherwise it is written when those before it are done).

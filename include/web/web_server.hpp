@@ -9,7 +9,7 @@
 // "threads" (network threads, default one per core up to 4), and the limits
 // on what one client can make the server hold (WebLimits: "http_body_max",
 // "http_header_max", "http_buffer_max", "http_pipeline_max",
-// "http_output_max", "socket_send_buffer", "websocket_message_max", "subscriptions_max",
+// "http_output_max", "http_output_total_max", "socket_send_buffer", "websocket_message_max", "subscriptions_max",
 // "connections_max", "connections_per_address_max"; each shows its value).
 // Fields for clients: "port", "http_sessions", "websocket_sessions".
 //

@@ -3,6 +3,7 @@
 // router over the document root, the limits, and the bookkeeping of live
 // sessions. The server cuts every WebSocket session's push trigger when it
 // stops, so no tree thread posts into a server that is going away.
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <memory>
@@ -28,6 +29,9 @@ struct WebLimits {
   size_t http_buffer_max = 64u << 10;
   size_t http_pipeline_max = 8;           // replies queued before reading pauses
   size_t http_output_max = 256u << 10;    // reply bytes queued before reading pauses
+  // Reply bytes queued on all connections together: a reply that would go
+  // beyond gets 503 and its connection is closed.
+  size_t http_output_total_max = 64u << 20;
   // The kernel's send buffer of a connection (it doubles the figure); left
   // to grow on its own, a client that does not read holds megabytes there.
   size_t socket_send_buffer = 128u << 10;
@@ -60,6 +64,14 @@ class WebShared {
     breaches_.report(limit, address, what);
   }
 
+  // Reply bytes queued on all connections, from any thread. The check and
+  // the count are apart: threads racing past the check overshoot by a reply.
+  bool room_for_output(size_t bytes) const {
+    return output_queued_.load(std::memory_order_relaxed) + bytes <= limits_.http_output_total_max;
+  }
+  void output_queued(size_t bytes) { output_queued_.fetch_add(bytes, std::memory_order_relaxed); }
+  void output_gone(size_t bytes) { output_queued_.fetch_sub(bytes, std::memory_order_relaxed); }
+
   // Session bookkeeping, from any thread.
   void http_opened();
   void http_closed();
@@ -81,6 +93,7 @@ class WebShared {
   Counters counters_;
   std::shared_ptr<ConnectionGate> gate_;
   BreachLog breaches_;
+  std::atomic<size_t> output_queued_{0};
   std::mutex mutex_;  // guards the members below
   size_t http_count_ = 0;
   std::unordered_map<uint64_t, std::shared_ptr<PushTrigger>> websockets_;

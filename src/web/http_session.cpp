@@ -48,7 +48,10 @@ HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> share
   shared_->http_opened();
 }
 
-HTTPSession::~HTTPSession() { shared_->http_closed(); }
+HTTPSession::~HTTPSession() {
+  shared_->output_gone(queue_.bytes());
+  shared_->http_closed();
+}
 
 void HTTPSession::run() {
   net::dispatch(stream_.get_executor(), beast::bind_front_handler(&HTTPSession::do_read, shared_from_this()));
@@ -95,6 +98,7 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
   }
   HttpRequestView view{request.method_string(), request.target(), request.body()};
   auto reply = shared_->router().answer(view);
+  if (!shared_->room_for_output(reply.body.size())) return refuse_breach(503, "output", "Server busy");
   queue_reply(make_response(request.version(), request.keep_alive(), std::move(reply),
                             request.method() == http::verb::head));
   if (!queue_.full()) do_read();
@@ -114,6 +118,7 @@ void HTTPSession::refuse_breach(unsigned status, std::string_view limit, std::st
 }
 
 void HTTPSession::queue_reply(HttpWorkQueue::Response&& response) {
+  shared_->output_queued(response.body().size());
   if (queue_.push(std::move(response))) do_write();
 }
 
@@ -128,6 +133,7 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
     return do_close();
   }
   bool close = !queue_.empty() && queue_.front().need_eof();
+  if (!queue_.empty()) shared_->output_gone(queue_.front().body().size());
   bool was_full = queue_.pop_written();
   if (close) return do_close();
   if (!queue_.empty()) do_write();

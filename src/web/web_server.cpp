@@ -63,6 +63,7 @@ WebServer::WebServer(const VTree& config)
                               {"http_buffer_max", &WebLimits::http_buffer_max},
                               {"http_pipeline_max", &WebLimits::http_pipeline_max},
                               {"http_output_max", &WebLimits::http_output_max},
+                              {"http_output_total_max", &WebLimits::http_output_total_max},
                               {"socket_send_buffer", &WebLimits::socket_send_buffer},
                               {"websocket_message_max", &WebLimits::websocket_message_max},
                               {"subscriptions_max", &WebLimits::subscriptions_max},
