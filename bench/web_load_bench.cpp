@@ -42,7 +42,13 @@ void BM_StopWithClients(benchmark::State& state) {
     state.counters["exit_code"] = ZelProcess::exit_code(status);
   }
 }
-BENCHMARK(BM_StopWithClients)->Arg(0)->Arg(1000)->Arg(5000)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_StopWithClients)
+    ->Arg(0)
+    ->Arg(1000)
+    ->Arg(5000)
+    ->Iterations(1)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond);
 
 // Resident memory per idle WebSocket session (deflate offered, as browsers
 // do), then per history subscription: 200 sessions watching 500 fields each.

@@ -23,7 +23,8 @@ class ConnectionGate : public std::enable_shared_from_this<ConnectionGate> {
 
    private:
     friend class ConnectionGate;
-    Slot(std::shared_ptr<ConnectionGate> gate, std::string address) : gate_(std::move(gate)), address_(std::move(address)) {}
+    Slot(std::shared_ptr<ConnectionGate> gate, std::string address)
+        : gate_(std::move(gate)), address_(std::move(address)) {}
     void release();
     std::shared_ptr<ConnectionGate> gate_;
     std::string address_;

@@ -42,5 +42,6 @@ void ConnectionGate::release(const std::string& address) {
   std::lock_guard lock(mutex_);
   --total_;
   ++closed_;
-  if (auto found = per_address_.find(address); found != per_address_.end() && --found->second == 0) per_address_.erase(found);
+  auto found = per_address_.find(address);
+  if (found != per_address_.end() && --found->second == 0) per_address_.erase(found);
 }
