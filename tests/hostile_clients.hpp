@@ -32,7 +32,7 @@ class LoadedServer {
  public:
   explicit LoadedServer(const std::string& limits = "", size_t big_bytes = 0, int nodes = 0) {
     std::string more;
-    for (int i = 0; i < nodes; ++i) more += "<n" + std::to_string(i) + R"( type="analog_io" units="V"/>)";
+    for (int i = 0; i < nodes; ++i) more += "<n" + std::to_string(i) + R"( type="analog_io" units="V" value="0"/>)";
     dir.write("config/system.xml",
               R"(<root><admin><store_manager save_delay="0" hourmeter_period="0"/></admin>)"
               R"(<web_server type="web_server" )" + limits + R"(/><x type="analog_io" store="config" value="1"/>)"

@@ -58,6 +58,31 @@ TEST(WebLoad, PipelinedReadsOfALargeValueThatAreNeverCollectedHoldOneReplyPerCon
       << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
 }
 
+TEST(WebLoad, HundredsOfClientsWatchingEveryFieldInHistoryModeFitAndLeaveNothingBehind) {
+  raise_open_file_limit();
+  constexpr int kFields = 300, kClients = 300;
+  LoadedServer server("", 0, kFields);
+  ASSERT_NE(server.port, 0);
+  long idle = resident_kib(server.zel->pid());
+  std::string subscribe = R"({"event":"subscribe","data":{)";
+  for (int i = 0; i < kFields; ++i) subscribe += (i ? ",\"n" : "\"n") + std::to_string(i) + R"(/value":"history")";
+  subscribe += "}}";
+  {
+    web_client::net::io_context io;
+    std::vector<std::unique_ptr<web_client::WebSocketClient>> clients;
+    for (int i = 0; i < kClients; ++i) {
+      clients.push_back(std::make_unique<web_client::WebSocketClient>(io, server.port));
+      clients.back()->send(subscribe);
+    }
+    // The last client's first push names the last field once all of its
+    // subscriptions are made.
+    EXPECT_TRUE(clients.back()->receive_containing("\"n" + std::to_string(kFields - 1) + "/value\"", 20s));
+    EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+  }
+  EXPECT_TRUE(wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
+      << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
+}
+
 TEST(WebLoad, DeepTreeReadsAsFastAsTheyGoLeaveAGoodClientServed) {
   LoadedServer server("", 0, 300);
   ASSERT_NE(server.port, 0);

@@ -56,13 +56,6 @@ class EventEmitter {
     stale = std::move(t->snapshot);
   }
 
-  size_t listener_count() const {
-    auto* t = table_.load(std::memory_order_acquire);
-    if (!t) return 0;
-    std::lock_guard lock(t->mutex);
-    return t->entries.size();
-  }
-
  protected:
   void emit(Events event) const {
     auto* t = table_.load(std::memory_order_acquire);
