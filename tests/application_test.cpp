@@ -13,6 +13,7 @@
 
 #include "std/capabilities.hpp"
 #include "emulation.hpp"
+#include "web_client.hpp"
 #include "zel_process.hpp"
 
 using namespace std::chrono_literals;
@@ -445,8 +446,23 @@ TEST(ApplicationShutdown, AHangingDestructionTimesOutAfterEightSecondsAndTheRebo
   auto waited = ZelProcess::Clock::now() - begin;
   EXPECT_GT(waited, 7500ms);
   EXPECT_LT(waited, 9500ms);
-  EXPECT_EQ(exit_code(zel.wait_exit(5s)), 0);
+  EXPECT_EQ(exit_code(zel.wait_exit(5s)), 1) << "a stop that ran out of time is no orderly stop";
   EXPECT_TRUE(std::filesystem::exists(dir / "rebooted"));
+}
+
+TEST(ApplicationShutdown, AStopThatHangsBeforeTheStoresStillSavesTheLastValueAndExitsOne) {
+  TempDir dir;
+  // No save timer: only the stop can write the value.
+  configure(dir, R"(<admin><store_manager save_delay="0" hourmeter_period="0"/></admin>
+                    <web_server type="web_server"/><x type="analog_io" store="config" value="1"/>
+                    <slow type="hang_on_destroy" hang_at="stop0" hang_seconds="60"/>)");
+  ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
+  ASSERT_TRUE(zel.wait_for("Initialized"));
+  ASSERT_EQ(web_client::request(zel.web_port(), web_client::http::verb::put, "/io/x", "42").status, 200u);
+  zel.signal(SIGTERM);
+  ASSERT_TRUE(zel.wait_for("Hanging on destroy"));
+  EXPECT_EQ(exit_code(zel.wait_exit(15s)), 1);
+  EXPECT_THAT(dir.read("config/config.json"), HasSubstr("\"x\": 42"));
 }
 
 TEST(ApplicationAdmin, StopAndRestartButtonsReachTheApplication) {

@@ -134,6 +134,15 @@ class ZelProcess {
     return stderr_->changed.wait_for(lock, limit, [&] { return occurrences(stderr_->text, part) >= times; });
   }
 
+  // The port its web server logged that it listens on; 0 when none was
+  // logged within `limit`.
+  uint16_t web_port(std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+    const std::string marker = "Web server listening on port ";
+    if (!wait_for(marker, 1, limit)) return 0;
+    auto text = error_text();
+    return static_cast<uint16_t>(std::stoi(text.substr(text.find(marker) + marker.size())));
+  }
+
   // The wait status once the process has ended, else nothing. Once it has
   // ended, what it wrote is all collected (unless a command it started still
   // holds its output open).

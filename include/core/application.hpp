@@ -53,6 +53,8 @@ class Application {
   static constexpr uint32_t kProgramFileMask = 0x9C8;
   // How long the tree's destruction may take at shutdown.
   static constexpr std::chrono::milliseconds kShutdownLimit{8000};
+  // How long a final save may wait for its turn and take.
+  static constexpr std::chrono::milliseconds kFinalSaveLimit{2000};
 
  private:
   Application();
@@ -68,9 +70,11 @@ class Application {
   std::string read_configuration();
   void watch_program_file();
   void run_main_loop();
-  // False when a restart in place failed for good (the process then exits
-  // with a failure status).
+  // False when a restart in place failed for good, or when the tree's
+  // destruction ran out of time (the stores are saved all the same); the
+  // process then exits with a failure status.
   bool shutdown();
+  void save_before_giving_up();
 
   void on_interruption(int signal);
   void on_fault(int signal);

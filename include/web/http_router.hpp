@@ -20,6 +20,8 @@
 #include <utility>
 #include <vector>
 
+#include "web/recent_texts.hpp"
+
 class Root;
 class DocumentRoot;
 
@@ -59,4 +61,8 @@ class HttpRouter {
 
   Root& root_;
   const DocumentRoot& documents_;
+  // Tree descriptions, kept for kTreeDescriptionAge: a client that asks for
+  // the whole tree a thousand times a second costs five descriptions.
+  static constexpr std::chrono::milliseconds kTreeDescriptionAge{200};
+  mutable RecentTexts tree_descriptions_{kTreeDescriptionAge, 64};
 };

@@ -6,11 +6,13 @@
 // request asks for the upgrade. Runs on the connection's strand.
 #include <memory>
 #include <optional>
+#include <string>
 
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/parser.hpp>
 #include <boost/beast/http/string_body.hpp>
 
+#include "web/connection_gate.hpp"
 #include "web/http_work_queue.hpp"
 #include "web/web_stream.hpp"
 
@@ -18,7 +20,10 @@ class WebShared;
 
 class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
  public:
-  HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared);
+  // `slot` is the connection's place among those the server admits; the
+  // client's `address` names it in the log when it runs into a limit.
+  HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot,
+              std::string address);
   ~HTTPSession();
 
   void run();
@@ -30,6 +35,8 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   void on_read(boost::beast::error_code ec, size_t bytes);
   // Answers a request that could not be read whole, then closes.
   void refuse(unsigned status, std::string_view text);
+  // Refuses a request that ran into `limit`, logged once per client and interval.
+  void refuse_breach(unsigned status, std::string_view limit, std::string_view text);
   void queue_reply(HttpWorkQueue::Response&& response);
   void do_write();
   void on_write(boost::beast::error_code ec, size_t bytes);
@@ -40,6 +47,8 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   std::shared_ptr<WebShared> shared_;
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;
   HttpWorkQueue queue_;
+  ConnectionGate::Slot slot_;
+  std::string address_;
   bool closing_ = false;  // no more reads: the last reply closes the connection
   bool reading_ = false;  // a request is being read
 };

@@ -2,7 +2,8 @@
 // HttpWorkQueue: the replies of one HTTP connection waiting to be written, in
 // request order, so pipelined requests are answered in turn. The front reply
 // is the one being written (one write in flight); the session stops reading
-// requests while the queue is full.
+// requests while the queue is full: `limit` replies, or `byte_limit` bytes of
+// reply bodies (one reply is always taken, however large).
 #include <deque>
 
 #include <boost/beast/http/message.hpp>
@@ -12,10 +13,11 @@ class HttpWorkQueue {
  public:
   using Response = boost::beast::http::response<boost::beast::http::string_body>;
 
-  explicit HttpWorkQueue(size_t limit) : limit_(limit) {}
+  HttpWorkQueue(size_t limit, size_t byte_limit) : limit_(limit), byte_limit_(byte_limit) {}
 
-  bool full() const { return items.size() >= limit_; }
+  bool full() const { return items.size() >= limit_ || bytes_ >= byte_limit_; }
   bool empty() const { return items.empty(); }
+  size_t bytes() const { return bytes_; }
 
   // Queues a reply; true when it is the only one, so the caller starts
   // writing it (otherwise it is written when those before it are done).
@@ -28,5 +30,7 @@ class HttpWorkQueue {
 
  private:
   size_t limit_;
+  size_t byte_limit_;
+  size_t bytes_ = 0;  // body bytes of the queued replies
   std::deque<Response> items;
 };

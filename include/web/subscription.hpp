@@ -8,10 +8,10 @@
 // oldest are dropped), so a client can draw a trace without missing changes.
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "core/field_subscription.hpp"
 #include "web/push_trigger.hpp"
@@ -51,7 +51,9 @@ class Subscription {
   struct Watch {
     std::atomic<bool> queued{false};
     std::mutex mutex;  // guards samples: changes arrive on the changing thread
-    std::deque<std::string> samples;
+    // A vector, not a deque: an idle subscription then holds no block at all
+    // (a deque allocates one on construction), and 64 short strings move fast.
+    std::vector<std::string> samples;
   };
 
   uint64_t id_;

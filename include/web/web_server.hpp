@@ -8,14 +8,21 @@
 // Settings: "port", "address" (default "0.0.0.0", every interface),
 // "threads" (network threads, default one per core up to 4), "push_spacing"
 // (milliseconds, the shortest time between two pushes to one WebSocket
-// client; 0 pushes every change at once, at most 1000).
+// client; 0 pushes every change at once, at most 1000), and the limits
+// on what one client can make the server hold (WebLimits: "http_body_max",
+// "http_header_max", "http_buffer_max", "http_pipeline_max",
+// "http_output_max", "http_output_total_max", "socket_send_buffer", "websocket_message_max", "subscriptions_max",
+// "connections_max", "connections_per_address_max"; each shows its value).
 // Fields for clients: "port", "http_sessions", "websocket_sessions".
 //
 // It listens from start() to stop0, which closes every connection; the
 // sessions are gone before the tree is.
 #include <memory>
+#include <vector>
 
 #include "core/component.hpp"
+
+struct WebLimits;
 
 class WebServer : public Component {
  public:
@@ -30,7 +37,13 @@ class WebServer : public Component {
 
  private:
   struct Running;
+  struct LimitSetting {
+    size_t WebLimits::*member;
+    ValueField<int>* field;
+  };
   void shut_down();
+  // The limits as the settings give them; unset settings show the default.
+  WebLimits limits();
 
   ValueField<int>& port_;
   ValueField<std::string>& address_;
@@ -38,5 +51,6 @@ class WebServer : public Component {
   ValueField<double>& push_spacing_;
   ValueField<unsigned int>& http_sessions_;
   ValueField<unsigned int>& websocket_sessions_;
+  std::vector<LimitSetting> limit_settings_;
   std::unique_ptr<Running> running_;
 };

@@ -21,6 +21,7 @@
 #include <boost/beast/websocket/stream.hpp>
 
 #include "web/client_protocol.hpp"
+#include "web/connection_gate.hpp"
 #include "web/web_stream.hpp"
 
 class PushRounds;
@@ -30,7 +31,9 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
  public:
   using Request = boost::beast::http::request<boost::beast::http::string_body>;
 
-  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared);
+  // `slot`: the connection's place among those the server admits, taken
+  // over from the HTTP session that upgraded it.
+  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot = {});
   ~WebsocketSession();
 
   // Completes the upgrade that `request` asked for; on the connection's strand.
@@ -54,6 +57,7 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
   std::shared_ptr<PushTrigger> trigger_;
   ClientProtocol protocol_;
   uint64_t registration_ = 0;
+  ConnectionGate::Slot slot_;
 
   PushRounds& rounds_;
   std::string out_;               // the push being written

@@ -18,6 +18,7 @@
 #include <boost/program_options.hpp>
 
 #include "core/clock.hpp"
+#include "core/final_save.hpp"
 #include "core/log.hpp"
 #include "core/root.hpp"
 #include "core/watcher.hpp"
@@ -135,6 +136,7 @@ int Application::start(int argc, char** argv) {
   }
   run_main_loop();
   watcher_->stop();
+  // A stop that ran out of time is no orderly stop: a service manager sees it.
   return shutdown() ? 0 : 1;
 }
 
@@ -277,6 +279,9 @@ bool Application::shutdown() {
     Process::name_this_thread("shutdown");
     Process::use_alternate_signal_stack();
     ZEL_INFO("Clean Shutdown");
+    // The settings as they stand when the stop begins are saved before any
+    // part of the tree stops: a stage that hangs cannot lose them.
+    FinalSave::run(kFinalSaveLimit);
     try {
       delete root;
     } catch (const std::exception& e) {
@@ -285,12 +290,16 @@ bool Application::shutdown() {
     finished->set_value();
   }).detach();
   auto begin = std::chrono::steady_clock::now();
+  bool timed_out = false;
   while (done.wait_for(100ms) != std::future_status::ready) {
     if (std::chrono::steady_clock::now() - begin > kShutdownLimit - 1ms) {
       ZEL_ERROR("Shutdown process timed out");
+      timed_out = true;
       break;
     }
   }
+  // Whatever changed after the first save and was not saved at stop2 yet.
+  if (timed_out) save_before_giving_up();
   heartbeat_.detach(restart_requested() ? Heartbeat::Ending::Restart : Heartbeat::Ending::Exit);
   if (restart_requested()) {
     std::cout.flush();
@@ -307,7 +316,21 @@ bool Application::shutdown() {
   }
   if (reboot_requested()) Process::run_shell(PlatformCommands::table().reboot);
   stop_signal_thread();
-  return true;
+  return !timed_out;
+}
+
+void Application::save_before_giving_up() {
+  // On a thread of its own: a saver stuck behind a hung stage must not keep
+  // the process from ending.
+  auto finished = std::make_shared<std::promise<void>>();
+  auto done = finished->get_future();
+  std::thread([finished] {
+    Process::name_this_thread("final save");
+    Process::use_alternate_signal_stack();
+    FinalSave::run(kFinalSaveLimit);
+    finished->set_value();
+  }).detach();
+  if (done.wait_for(kFinalSaveLimit + 100ms) != std::future_status::ready) ZEL_ERROR("Final save timed out");
 }
 
 void Application::on_interruption(int signal) {

@@ -3,10 +3,12 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <mutex>
 #include <vector>
 
 #include "core/clock.hpp"
+#include "core/log_throttle.hpp"
 #include "std/utc_calendar.hpp"
 
 namespace {
@@ -17,6 +19,9 @@ struct LogState {
   Log::SinkId next_id = 1;
   std::atomic<bool> to_stderr{true};
   std::atomic<int> max_level{static_cast<int>(LogLevel::Info)};
+  // 20 records of one place per 10 s, then one summary: the log keeps its
+  // worth under a flood of bad requests.
+  LogThrottle throttle{std::chrono::seconds(10), 20};
 };
 
 LogState& state() {
@@ -45,12 +50,11 @@ std::string Log::format_line(const LogRecord& r) {
                      t.minute, t.second, t.millisecond, to_string(r.level), r.source, r.line, r.text);
 }
 
-void Log::write(LogLevel level, std::string_view source, int line, std::string text) {
-  auto& s = state();
-  if (static_cast<int>(level) > s.max_level.load(std::memory_order_relaxed)) return;
-  LogRecord record{level, source, line, std::move(text), Clock::wall_ns()};
+namespace {
+
+void deliver(LogState& s, LogRecord& record) {
   if (s.to_stderr.load(std::memory_order_relaxed)) {
-    auto out = format_line(record);
+    auto out = Log::format_line(record);
     out.push_back('\n');
     // One write per record keeps lines whole when several threads log.
     [[maybe_unused]] auto n = ::write(STDERR_FILENO, out.data(), out.size());
@@ -60,6 +64,25 @@ void Log::write(LogLevel level, std::string_view source, int line, std::string t
   in_sink = true;
   for (auto& [id, sink] : s.sinks) sink(record);
   in_sink = false;
+}
+
+}  // namespace
+
+void Log::write(LogLevel level, std::string_view source, int line, std::string text) {
+  auto& s = state();
+  if (static_cast<int>(level) > s.max_level.load(std::memory_order_relaxed)) return;
+  uint64_t stamp = Clock::wall_ns();
+  std::vector<LogThrottle::Summary> due;
+  bool admitted = level == LogLevel::Event ||
+                  s.throttle.admit(source, line, std::chrono::steady_clock::now().time_since_epoch(), due);
+  for (auto& summary : due) {
+    LogRecord note{LogLevel::Warning, summary.source, summary.line,
+                   fmt::format("{} more records like this were not written", summary.suppressed), stamp};
+    deliver(s, note);
+  }
+  if (!admitted) return;
+  LogRecord record{level, source, line, std::move(text), stamp};
+  deliver(s, record);
 }
 
 Log::SinkId Log::add_sink(Sink sink) {

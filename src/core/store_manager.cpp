@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 
 #include "core/clock.hpp"
+#include "core/final_save.hpp"
 #include "core/io/io.hpp"
 #include "core/log.hpp"
 #include "core/write_path.hpp"
@@ -80,7 +81,7 @@ StoreManager::StoreManager(const VTree& config)
   for (auto& name : hourmeter_store_names) stores_.emplace_back(name, false);
 }
 
-StoreManager::~StoreManager() = default;
+StoreManager::~StoreManager() { FinalSave::disarm(this); }
 
 StoreManager::Store* StoreManager::find_store(const std::string& name) {
   for (auto& store : stores_)
@@ -322,10 +323,14 @@ void StoreManager::start() {
   if (second_) return;
   every_seconds(save_delay_.get(), [this] { save_changed(true); });
   every_seconds(hourmeter_period_.get(), [this] { write_listed_stores(); });
+  FinalSave::arm(this, [this] { flush(); });
 }
 
 void StoreManager::stop(StopStage stage) {
   if (stage == StopStage::Stop0) cancel_all();
   CtxComp::stop(stage);
-  if (stage == StopStage::Stop2) flush();
+  if (stage != StopStage::Stop2) return;
+  flush();
+  // The last save is done; a stop that runs out of time later has nothing to add.
+  FinalSave::disarm(this);
 }

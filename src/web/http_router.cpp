@@ -121,7 +121,8 @@ HttpReply HttpRouter::describe_tree(std::string_view target) const {
   Vertex* vertex = path ? root_.find_path(*path) : nullptr;
   if (!vertex) return not_found();
   int depth = static_cast<int>(std::clamp(query_number(target, "depth", 1), 0L, 64L));
-  return json_reply(TreeDescription::of(*vertex, depth));
+  return json_reply(tree_descriptions_.get(fmt::format("{}?{}", *path, depth),
+                                           [&] { return TreeDescription::of(*vertex, depth); }));
 }
 
 HttpReply HttpRouter::interlocks() const { return json_reply(TreeDescription::interlocks(root_)); }

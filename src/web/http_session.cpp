@@ -37,12 +37,21 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
 
 }  // namespace
 
-HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
-    : stream_(std::move(socket)), shared_(std::move(shared)), queue_(shared_->limits().http_pipeline_max) {
+HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot,
+                         std::string address)
+    : stream_(std::move(socket)),
+      buffer_(shared->limits().http_buffer_max),
+      shared_(std::move(shared)),
+      queue_(shared_->limits().http_pipeline_max, shared_->limits().http_output_max),
+      slot_(std::move(slot)),
+      address_(std::move(address)) {
   shared_->http_opened();
 }
 
-HTTPSession::~HTTPSession() { shared_->http_closed(); }
+HTTPSession::~HTTPSession() {
+  shared_->output_gone(queue_.bytes());
+  shared_->http_closed();
+}
 
 void HTTPSession::run() {
   net::dispatch(stream_.get_executor(), beast::bind_front_handler(&HTTPSession::do_read, shared_from_this()));
@@ -70,8 +79,11 @@ void HTTPSession::on_header(beast::error_code ec, size_t bytes) {
 
 void HTTPSession::on_read(beast::error_code ec, size_t) {
   reading_ = false;
-  if (ec == http::error::body_limit) return refuse(413, "Request body too large");
-  if (ec == http::error::header_limit) return refuse(431, "Request header too large");
+  if (ec == http::error::body_limit) return refuse_breach(413, "body", "Request body too large");
+  if (ec == http::error::header_limit) return refuse_breach(431, "header", "Request header too large");
+  // Bytes that could not be parsed within the buffer: a chunk size line
+  // with endless extensions, or endless trailers.
+  if (ec == http::error::buffer_overflow) return refuse_breach(431, "buffer", "Request header too large");
   if (ec && is_http_parse_error(ec) && ec != http::error::end_of_stream && ec != http::error::partial_message) {
     ZEL_ERROR("Bad HTTP request: {}", ec.message());
     return refuse(400, "Bad request");
@@ -81,7 +93,7 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
   auto& request = parser_->get();
   if (beast::websocket::is_upgrade(request)) {
     stream_.expires_never();
-    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_)->run(parser_->release());
+    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(slot_))->run(parser_->release());
     return;
   }
   beast::error_code peer_error;
@@ -89,6 +101,7 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
   std::string client = peer_error ? std::string() : peer.address().to_string() + ":" + std::to_string(peer.port());
   HttpRequestView view{request.method_string(), request.target(), request.body(), client};
   auto reply = shared_->router().answer(view);
+  if (!shared_->room_for_output(reply.body.size())) return refuse_breach(503, "output", "Server busy");
   queue_reply(make_response(request.version(), request.keep_alive(), std::move(reply),
                             request.method() == http::verb::head));
   if (!queue_.full()) do_read();
@@ -102,7 +115,13 @@ void HTTPSession::refuse(unsigned status, std::string_view text) {
   queue_reply(make_response(11, false, std::move(reply), false));
 }
 
+void HTTPSession::refuse_breach(unsigned status, std::string_view limit, std::string_view text) {
+  shared_->breach(limit, address_, fmt::format("{} ({}), answered {}", text, limit, status));
+  refuse(status, text);
+}
+
 void HTTPSession::queue_reply(HttpWorkQueue::Response&& response) {
+  shared_->output_queued(response.body().size());
   if (queue_.push(std::move(response))) do_write();
 }
 
@@ -117,6 +136,7 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
     return do_close();
   }
   bool close = !queue_.empty() && queue_.front().need_eof();
+  if (!queue_.empty()) shared_->output_gone(queue_.front().body().size());
   bool was_full = queue_.pop_written();
   if (close) return do_close();
   if (!queue_.empty()) do_write();

@@ -3,6 +3,7 @@
 #include "core/log.hpp"
 
 bool HttpWorkQueue::push(Response&& response) {
+  bytes_ += response.body().size();
   items.push_back(std::move(response));
   return items.size() == 1;
 }
@@ -14,6 +15,7 @@ bool HttpWorkQueue::pop_written() {
     return false;
   }
   bool was_full = full();
+  bytes_ -= items.front().body().size();
   items.pop_front();
   return was_full;
 }

@@ -16,7 +16,7 @@ Subscription::Subscription(uint64_t id, FieldBase& field, Mode mode, const std::
       write_sample(*f, sample);
       std::lock_guard lock(watch->mutex);
       watch->samples.push_back(std::move(sample));
-      if (watch->samples.size() > kHistoryMax) watch->samples.pop_front();
+      if (watch->samples.size() > kHistoryMax) watch->samples.erase(watch->samples.begin());
     }
     if (!watch->queued.exchange(true, std::memory_order_acq_rel)) trigger->notify(id);
   });
@@ -53,7 +53,7 @@ void Subscription::write_report(std::string& out) {
     reported_stamp_ = field_->stamp();
     write_sample(*field_, out);
   } else {
-    std::deque<std::string> samples;
+    std::vector<std::string> samples;
     {
       std::lock_guard lock(watch_->mutex);
       samples.swap(watch_->samples);

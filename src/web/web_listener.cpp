@@ -5,6 +5,7 @@
 
 #include "core/log.hpp"
 #include "web/http_session.hpp"
+#include "web/web_shared.hpp"
 
 namespace net = boost::asio;
 namespace beast = boost::beast;
@@ -12,7 +13,18 @@ using net::ip::tcp;
 
 namespace {
 constexpr auto kRetryAfterFailedAccept = std::chrono::milliseconds(100);
+
+// The answer to a connection beyond the limits, written without waiting: a
+// client that does not read it just gets the close.
+constexpr std::string_view kBusyAnswer =
+    "HTTP/1.1 503 Service Unavailable\r\nServer: ZEL\r\nConnection: close\r\nContent-Length: 0\r\n\r\n";
+
+std::string address_of(const WebSocketTcp& socket) {
+  beast::error_code ec;
+  auto endpoint = socket.remote_endpoint(ec);
+  return ec ? std::string("?") : endpoint.address().to_string();
 }
+}  // namespace
 
 WebListener::WebListener(net::io_context& io, std::vector<net::io_context*> session_ios, std::shared_ptr<WebShared> shared)
     : acceptor_(io), session_ios_(std::move(session_ios)), retry_(io), shared_(std::move(shared)) {}
@@ -72,8 +84,23 @@ void WebListener::on_accept(beast::error_code ec, WebSocketTcp socket) {
     });
     return;
   }
+  auto address = address_of(socket);
+  ConnectionGate::Refusal refusal;
+  auto slot = shared_->gate().admit(address, refusal);
+  if (!slot) {
+    shared_->breach(refusal == ConnectionGate::Refusal::Total ? "connections" : "connections_per_address", address,
+                    refusal == ConnectionGate::Refusal::Total
+                        ? fmt::format("refused, {} connections are open", shared_->limits().connections_max)
+                        : fmt::format("refused, {} connections from this address are open",
+                                      shared_->limits().connections_per_address_max));
+    socket.non_blocking(true, ec);
+    socket.write_some(net::buffer(kBusyAnswer), ec);
+    socket.close(ec);
+    return do_accept();
+  }
   // Pushes are small and must not wait for more data to fill a segment.
   socket.set_option(tcp::no_delay(true), ec);
-  std::make_shared<HTTPSession>(std::move(socket), shared_)->run();
+  socket.set_option(net::socket_base::send_buffer_size(static_cast<int>(shared_->limits().socket_send_buffer)), ec);
+  std::make_shared<HTTPSession>(std::move(socket), shared_, std::move(slot), std::move(address))->run();
   do_accept();
 }

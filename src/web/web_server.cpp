@@ -10,6 +10,7 @@
 #include "core/context.hpp"
 #include "core/log.hpp"
 #include "core/root.hpp"
+#include "std/free_memory.hpp"
 #include "std/paths.hpp"
 #include "std/process_limits.hpp"
 #include "web/web_listener.hpp"
@@ -30,6 +31,7 @@ struct WebServer::Running {
 namespace {
 
 constexpr double kMaxPushSpacingMs = 1000.0;
+constexpr auto kFreeMemoryCheck = std::chrono::seconds(2);
 
 int default_threads() {
   return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
@@ -77,6 +79,32 @@ WebServer::WebServer(const VTree& config)
   if (!threads_.assigned()) threads_.set(default_threads());
   if (!push_spacing_.assigned())
     push_spacing_.set(std::chrono::duration<double, std::milli>(WebLimits::kDefaultPushSpacing).count());
+  for (auto [name, member] : {std::pair{"http_body_max", &WebLimits::http_body_max},
+                              {"http_header_max", &WebLimits::http_header_max},
+                              {"http_buffer_max", &WebLimits::http_buffer_max},
+                              {"http_pipeline_max", &WebLimits::http_pipeline_max},
+                              {"http_output_max", &WebLimits::http_output_max},
+                              {"http_output_total_max", &WebLimits::http_output_total_max},
+                              {"socket_send_buffer", &WebLimits::socket_send_buffer},
+                              {"websocket_message_max", &WebLimits::websocket_message_max},
+                              {"subscriptions_max", &WebLimits::subscriptions_max},
+                              {"connections_max", &WebLimits::connections_max},
+                              {"connections_per_address_max", &WebLimits::connections_per_address_max}}) {
+    auto& field = add_setting<ValueField<int>>(config, name);
+    field.set_readonly(true);
+    limit_settings_.push_back({member, &field});
+  }
+}
+
+WebLimits WebServer::limits() {
+  WebLimits limits = limits_from(push_spacing_.get());
+  for (auto& setting : limit_settings_) {
+    if (setting.field->assigned() && setting.field->get() > 0)
+      limits.*setting.member = static_cast<size_t>(setting.field->get());
+    else
+      setting.field->set(static_cast<int>(limits.*setting.member));
+  }
+  return limits;
 }
 
 
@@ -101,7 +129,7 @@ void WebServer::start() {
   raise_open_file_limit();
 
   auto running = std::make_unique<Running>();
-  running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), limits_from(push_spacing_.get()),
+  running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), limits(),
                                                 WebShared::Counters{&http_sessions_, &websocket_sessions_});
   int threads = std::clamp(threads_.get(), 1, 64);
   std::vector<net::io_context*> ios;
@@ -113,6 +141,13 @@ void WebServer::start() {
   if (!running->listener->open({address, static_cast<uint16_t>(port)})) return;
   port_.set(running->listener->port());
   ZEL_INFO("Web server listening on port {}", port_.get());
+  // Buffers of clients that have gone go back to the system within seconds.
+  map_large_blocks_apart();
+  running->contexts.front()->every(kFreeMemoryCheck, [gate = running->shared->gate_ptr(), seen = size_t{0}]() mutable {
+    if (gate->closed() == seen) return;
+    seen = gate->closed();
+    give_back_free_memory();
+  });
   for (auto& context : running->contexts) context->start_context();
   net::post(*ios.front(), [listener = running->listener] { listener->run(); });
   running_ = std::move(running);

@@ -4,7 +4,9 @@
 
 WebShared::WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters)
     : root_(root), documents_(std::move(document_dir)), router_(root, documents_), limits_(limits),
-      counters_(counters) {}
+      counters_(counters),
+      gate_(std::make_shared<ConnectionGate>(limits.connections_max, limits.connections_per_address_max)),
+      breaches_(limits.breach_log_interval) {}
 
 // Counts are published under the lock, so the last one set is the true one;
 // the fields' listeners only post work and never come back here.
@@ -17,9 +19,12 @@ void WebShared::http_opened() {
   publish(counters_.http_sessions, ++http_count_);
 }
 
+// While the server stops, closes are counted but not published: thousands
+// of sessions going at once would each set the field and wake its watchers.
 void WebShared::http_closed() {
   std::lock_guard lock(mutex_);
-  publish(counters_.http_sessions, --http_count_);
+  --http_count_;
+  if (!stopping_) publish(counters_.http_sessions, http_count_);
 }
 
 uint64_t WebShared::websocket_opened(std::shared_ptr<PushTrigger> trigger) {
@@ -36,7 +41,7 @@ uint64_t WebShared::websocket_opened(std::shared_ptr<PushTrigger> trigger) {
 
 void WebShared::websocket_closed(uint64_t registration) {
   std::lock_guard lock(mutex_);
-  if (websockets_.erase(registration)) publish(counters_.websocket_sessions, websockets_.size());
+  if (websockets_.erase(registration) && !stopping_) publish(counters_.websocket_sessions, websockets_.size());
 }
 
 void WebShared::cut_all_triggers() {

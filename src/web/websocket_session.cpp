@@ -36,11 +36,12 @@ bool is_disconnect(const beast::error_code& ec) {
 
 }  // namespace
 
-WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
+WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot)
     : ws_(std::move(socket)),
       shared_(std::move(shared)),
       trigger_(std::make_shared<PushTrigger>()),
       protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
+      slot_(std::move(slot)),
       rounds_(boost::asio::use_service<PushRounds>(ws_.get_executor().get_inner_executor().context())) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
   beast::error_code ec;

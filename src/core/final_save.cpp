@@ -1,0 +1,45 @@
+#include "core/final_save.hpp"
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "core/log.hpp"
+
+namespace {
+
+struct Savers {
+  std::timed_mutex mutex;  // held while savers run and while the list changes
+  std::vector<std::pair<const void*, FinalSave::Saver>> list;
+};
+
+Savers& savers() {
+  static Savers* s = new Savers;  // never destroyed: a stop may run during exit
+  return *s;
+}
+
+}  // namespace
+
+void FinalSave::arm(const void* owner, Saver saver) {
+  auto& s = savers();
+  std::lock_guard lock(s.mutex);
+  std::erase_if(s.list, [owner](const auto& entry) { return entry.first == owner; });
+  s.list.emplace_back(owner, std::move(saver));
+}
+
+void FinalSave::disarm(const void* owner) {
+  auto& s = savers();
+  std::lock_guard lock(s.mutex);
+  std::erase_if(s.list, [owner](const auto& entry) { return entry.first == owner; });
+}
+
+bool FinalSave::run(std::chrono::milliseconds limit) {
+  auto& s = savers();
+  std::unique_lock lock(s.mutex, std::defer_lock);
+  if (!lock.try_lock_for(limit)) {
+    ZEL_ERROR("Final save did not get its turn within {} ms", limit.count());
+    return false;
+  }
+  for (auto& [owner, saver] : s.list) saver();
+  return true;
+}
