@@ -7,7 +7,8 @@
 //   "subscribe"   {"<field path>": mode, ...}: watch these fields. A mode of
 //                 "history" reports every change, anything else the latest.
 //   "set"         {"<field path>": value, ...}: set each field from the value
-//                 text with its JSON read operation.
+//                 text, as the session's caller (FieldAccess: writable,
+//                 permitted, converts); a refusal is logged.
 //   "unsubscribe" {"<field path>": any, ...}: stop watching these fields.
 // Each member is handled on its own, so one bad path does not stop the rest.
 // Bad input is logged (at most kLoggedProblems lines per client) and
@@ -29,6 +30,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json_fwd.hpp>
 
+#include "core/caller.hpp"
 #include "core/field.hpp"
 #include "web/push_trigger.hpp"
 #include "web/subscription.hpp"
@@ -44,6 +46,8 @@ class ClientProtocol {
   static constexpr size_t kLoggedProblems = 100;
 
   using Handler = std::function<void(std::string_view data)>;
+  // Who the client is at this moment (asked on every set).
+  using CallerOf = std::function<Caller()>;
 
   struct PassResult {
     bool wrote = false;     // at least one member: `out` is to be sent
@@ -51,7 +55,7 @@ class ClientProtocol {
     double seconds = 0;
   };
 
-  ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions);
+  ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions, CallerOf caller);
 
   // Parses one client message and runs its event's handler.
   void handle_message(std::string_view text);
@@ -76,6 +80,7 @@ class ClientProtocol {
   Vertex& tree_;
   std::shared_ptr<PushTrigger> trigger_;
   size_t max_subscriptions_;
+  CallerOf caller_;
   std::unordered_map<std::string, Handler> handlers_;
   // By number, which grows with each subscription: map order is the order
   // they were made.

@@ -6,13 +6,14 @@
 #include <string>
 #include <string_view>
 
+#include "core/caller.hpp"
 #include "core/field.hpp"
 
 class Node;
 
 class FieldAccess {
  public:
-  enum class Outcome { Done, NotFound, ReadOnly, Refused };
+  enum class Outcome { Done, NotFound, ReadOnly, Forbidden, Refused };
 
   // The field a path names for a user: a field, or an IO node's value field.
   static FieldBase* field_for(Vertex* vertex);
@@ -22,7 +23,12 @@ class FieldAccess {
   // The node owning a field, or null.
   static const Node* owner(const FieldBase& field);
 
-  // A user's set of the field at `path` to `text` (value text). On failure
-  // `error` says why in words an operator understands.
-  static Outcome set(Vertex& tree, std::string_view path, std::string_view text, std::string& error);
+  // A caller's set of the field at `path` to `text` (value text): the field
+  // exists, is settable by users, the caller's role may write it
+  // (Permissions) and the text converts. On failure `error` says why in
+  // words an operator understands. An accepted set is logged with who, from
+  // where, and the old and new value.
+  static Outcome set(Vertex& tree, std::string_view path, std::string_view text, const Caller& caller,
+                     std::string& error);
+  static Outcome set(FieldBase& field, std::string_view text, const Caller& caller, std::string& error);
 };

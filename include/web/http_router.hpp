@@ -11,8 +11,12 @@
 //   GET  /api/tree[/<path>]?depth=N        the tree described for pages
 //   GET  /api/interlocks                   the interlock overview
 //   GET  /api/log?after=N&limit=M          log records after sequence number N
+//   /api/login, /api/logout, /api/session, /api/users, /api/tokens: WebAccess
 //   GET  anything else                     a file of the document root
-// HEAD is answered like GET without the body. Other methods get 405.
+// HEAD is answered like GET without the body. Other methods get 405 with
+// Allow. A write (PUT or POST) must come from the instrument's own page
+// (OriginPolicy) and is made as the caller the request's session cookie or
+// token names (anonymous without one).
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,11 +24,19 @@
 
 class Root;
 class DocumentRoot;
+class WebAccess;
+struct Caller;
 
 struct HttpRequestView {
   std::string_view method;  // "GET", "PUT", ...
   std::string_view target;  // as sent: "/io/pulse/count.json?x=1"
   std::string_view body;
+  // Headers that say who asks and from which page (empty when not sent).
+  std::string_view host;
+  std::string_view origin;
+  std::string_view cookie;
+  std::string_view authorization;
+  std::string_view from;  // the client's address
 };
 
 struct HttpReply {
@@ -32,7 +44,9 @@ struct HttpReply {
   std::string_view content_type = "text/plain";
   std::string_view cache_control = "no-store";
   std::string body;
-  std::string error;  // sent as X-Zel-Error when not empty
+  std::string error;       // sent as X-Zel-Error when not empty
+  std::string_view allow;  // sent as Allow (with 405) when not empty
+  std::string set_cookie;  // sent as Set-Cookie when not empty
 };
 
 class HttpRouter {
@@ -42,13 +56,14 @@ class HttpRouter {
   static constexpr std::string_view kFileNotFound = "File not found";
   static constexpr int kDefaultLogLimit = 200;
 
-  HttpRouter(Root& root, const DocumentRoot& documents) : root_(root), documents_(documents) {}
+  HttpRouter(Root& root, const DocumentRoot& documents, WebAccess& access)
+      : root_(root), documents_(documents), access_(access) {}
 
   HttpReply answer(const HttpRequestView& request) const;
 
  private:
   HttpReply read_tree(std::string_view target) const;
-  HttpReply set_field(std::string_view target, std::string_view body) const;
+  HttpReply set_field(std::string_view target, std::string_view body, const Caller& caller) const;
   HttpReply describe_tree(std::string_view target) const;
   HttpReply interlocks() const;
   HttpReply log_records(std::string_view target) const;
@@ -56,4 +71,5 @@ class HttpRouter {
 
   Root& root_;
   const DocumentRoot& documents_;
+  WebAccess& access_;
 };

@@ -6,14 +6,24 @@
 // ("Web server listening on port N").
 //
 // Settings: "port", "address" (default "0.0.0.0", every interface),
-// "threads" (network threads, default one per core up to 4).
+// "threads" (network threads, default one per core up to 4), and who may do
+// what (WebAccess, docs/users.md): "anonymous_write" (default false),
+// "allowed_hosts" and "allowed_origins" (lists, separated by commas or
+// spaces), "session_timeout" (idle seconds, default 1800). All of them are
+// the configuration's alone: no client can change them.
 // Fields for clients: "port", "http_sessions", "websocket_sessions".
+//
+// It reads the users file ("<data root>/config/users") when it starts; on
+// the first start, without one, it creates the user "admin" with a random
+// password and shows both, once, on the console with the page's address.
 //
 // It listens from start() to stop0, which closes every connection; the
 // sessions are gone before the tree is.
 #include <memory>
 
 #include "core/component.hpp"
+
+class WebAccess;
 
 class WebServer : public Component {
  public:
@@ -25,14 +35,23 @@ class WebServer : public Component {
 
   // The port being listened on; 0 when not listening.
   uint16_t port() const;
+  // Who may do what; only while listening.
+  WebAccess& access() const;
 
  private:
   struct Running;
   void shut_down();
+  // Who may do what, from the settings and the users file.
+  std::shared_ptr<WebAccess> make_access() const;
+  void announce_first_start(const std::string& password) const;
 
   ValueField<int>& port_;
   ValueField<std::string>& address_;
   ValueField<int>& threads_;
+  ValueField<bool>& anonymous_write_;
+  ValueField<std::string>& allowed_hosts_;
+  ValueField<std::string>& allowed_origins_;
+  ValueField<int>& session_timeout_;
   ValueField<unsigned int>& http_sessions_;
   ValueField<unsigned int>& websocket_sessions_;
   std::unique_ptr<Running> running_;

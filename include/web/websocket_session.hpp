@@ -28,8 +28,15 @@ class WebShared;
 class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
  public:
   using Request = boost::beast::http::request<boost::beast::http::string_body>;
+  // What the upgrade request said about its sender; looked up again on every
+  // set, so a logout, an expiry or a revoked token takes effect at once.
+  struct Credentials {
+    std::string cookie;
+    std::string authorization;
+    std::string from;
+  };
 
-  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared);
+  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, Credentials credentials);
   ~WebsocketSession();
 
   // Completes the upgrade that `request` asked for; on the connection's strand.
@@ -49,6 +56,7 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<WebShared> shared_;
   std::shared_ptr<PushTrigger> trigger_;
+  Credentials credentials_;
   ClientProtocol protocol_;
   uint64_t registration_ = 0;
 

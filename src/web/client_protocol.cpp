@@ -7,6 +7,7 @@
 #include "core/clock.hpp"
 #include "core/log.hpp"
 #include "core/x2x.hpp"
+#include "web/field_access.hpp"
 
 namespace {
 
@@ -24,8 +25,9 @@ FieldBase* field_at(Vertex& tree, const std::string& path) {
 
 }  // namespace
 
-ClientProtocol::ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions)
-    : tree_(tree), trigger_(std::move(trigger)), max_subscriptions_(max_subscriptions) {
+ClientProtocol::ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions,
+                               CallerOf caller)
+    : tree_(tree), trigger_(std::move(trigger)), max_subscriptions_(max_subscriptions), caller_(std::move(caller)) {
   handlers_.emplace("subscribe", [this](std::string_view data) { subscribe(data); });
   handlers_.emplace("set", [this](std::string_view data) { set(data); });
   handlers_.emplace("unsubscribe", [this](std::string_view data) { unsubscribe(data); });
@@ -111,7 +113,12 @@ void ClientProtocol::subscribe(std::string_view data) {
 }
 
 void ClientProtocol::set(std::string_view data) {
-  for_each_field(data, "set", "set", [](FieldBase& field, const nlohmann::json& value) { field.read_json(value.dump()); });
+  auto caller = caller_();
+  for_each_field(data, "set", "set", [&](FieldBase& field, const nlohmann::json& value) {
+    std::string error;
+    if (FieldAccess::set(field, value.dump(), caller, error) != FieldAccess::Outcome::Done)
+      problem("WebSocket client set refused: {} ({} from {})", error, caller.who, caller.from);
+  });
 }
 
 void ClientProtocol::unsubscribe(std::string_view data) {

@@ -10,6 +10,7 @@
 #include "web/document_root.hpp"
 #include "web/field_access.hpp"
 #include "web/tree_description.hpp"
+#include "web/web_access.hpp"
 
 namespace {
 
@@ -76,9 +77,15 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   auto target = request.target;
   bool read = request.method == "GET" || request.method == "HEAD";
   bool write = request.method == "PUT" || request.method == "POST";
+  std::string_view allow = "GET, HEAD";
+  if (auto reply = access_.answer(request)) return std::move(*reply);
   if (has_prefix_segment(target, "/io")) {
     if (read) return read_tree(target);
-    if (write) return set_field(target, request.body);
+    if (write) {
+      if (auto refused = access_.refuse_foreign(request)) return std::move(*refused);
+      return set_field(target, request.body, access_.caller_of(request));
+    }
+    allow = "GET, HEAD, PUT, POST";
   } else if (read) {
     if (has_prefix_segment(target, "/api/tree")) return describe_tree(target);
     if (has_prefix_segment(target, "/api/interlocks")) return interlocks();
@@ -87,7 +94,9 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
     return document(target);
   }
   ZEL_ERROR("HTTP method {} is not allowed for '{}'", request.method.substr(0, 20), target.substr(0, 200));
-  return text_reply(405, "Method not allowed");
+  auto reply = text_reply(405, "Method not allowed");
+  reply.allow = allow;
+  return reply;
 }
 
 HttpReply HttpRouter::read_tree(std::string_view target) const {
@@ -97,7 +106,7 @@ HttpReply HttpRouter::read_tree(std::string_view target) const {
   return json_reply(vertex->json());
 }
 
-HttpReply HttpRouter::set_field(std::string_view target, std::string_view body) const {
+HttpReply HttpRouter::set_field(std::string_view target, std::string_view body, const Caller& caller) const {
   HttpReply reply = json_reply(std::string(kFailed));
   auto path = tree_path(target, "/io");
   if (!path) {
@@ -105,7 +114,7 @@ HttpReply HttpRouter::set_field(std::string_view target, std::string_view body) 
     reply.error = "The target names no field.";
     return reply;
   }
-  switch (FieldAccess::set(root_, *path, body, reply.error)) {
+  switch (FieldAccess::set(root_, *path, body, caller, reply.error)) {
     case FieldAccess::Outcome::Done:
       reply.body = kSuccess;
       break;
@@ -115,11 +124,14 @@ HttpReply HttpRouter::set_field(std::string_view target, std::string_view body) 
     case FieldAccess::Outcome::ReadOnly:
       reply.status = 403;
       break;
+    case FieldAccess::Outcome::Forbidden:
+      reply.status = caller.role == Role::Anonymous ? 401 : 403;
+      break;
     case FieldAccess::Outcome::Refused:
       reply.status = 400;
       break;
   }
-  if (reply.status != 200) ZEL_ERROR("Web client set refused: {}", reply.error);
+  if (reply.status != 200) ZEL_ERROR("Web client set refused: {} ({} from {})", reply.error, caller.who, caller.from);
   return reply;
 }
 

@@ -28,6 +28,8 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
   response.set(http::field::content_type, reply.content_type);
   response.set(http::field::cache_control, reply.cache_control);
   if (!reply.error.empty()) response.set("X-Zel-Error", reply.error);
+  if (!reply.allow.empty()) response.set(http::field::allow, reply.allow);
+  if (!reply.set_cookie.empty()) response.set(http::field::set_cookie, reply.set_cookie);
   response.keep_alive(keep_alive);
   response.content_length(reply.body.size());
   // A reply to HEAD announces the length of the body it leaves out.
@@ -39,6 +41,9 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
 
 HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
     : stream_(std::move(socket)), shared_(std::move(shared)), queue_(shared_->limits().http_pipeline_max) {
+  beast::error_code ec;
+  auto remote = stream_.socket().remote_endpoint(ec);
+  from_ = ec ? "an unknown address" : remote.address().to_string();
   shared_->http_opened();
 }
 
@@ -80,15 +85,40 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
 
   auto& request = parser_->get();
   if (beast::websocket::is_upgrade(request)) {
-    stream_.expires_never();
-    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_)->run(parser_->release());
+    // The connection changes protocol only once every reply before it is on
+    // the wire; until then nothing more is read.
+    upgrade_waiting_ = true;
+    if (queue_.empty()) upgrade();
     return;
   }
-  HttpRequestView view{request.method_string(), request.target(), request.body()};
-  auto reply = shared_->router().answer(view);
+  auto reply = shared_->router().answer(view_of(request));
   queue_reply(make_response(request.version(), request.keep_alive(), std::move(reply),
                             request.method() == http::verb::head));
   if (!queue_.full()) do_read();
+}
+
+void HTTPSession::upgrade() {
+  upgrade_waiting_ = false;
+  auto& request = parser_->get();
+  // A page of another site must not drive the live protocol with the
+  // browser's credentials, nor read it through a rebound host name.
+  if (auto refused = shared_->access().refuse_foreign(view_of(request))) return refuse(403, refused->error);
+  WebsocketSession::Credentials credentials{std::string(request[http::field::cookie]),
+                                            std::string(request[http::field::authorization]), from_};
+  stream_.expires_never();
+  std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(credentials))
+      ->run(parser_->release());
+}
+
+HttpRequestView HTTPSession::view_of(const Request& request) const {
+  return {request.method_string(),
+          request.target(),
+          request.body(),
+          request[http::field::host],
+          request[http::field::origin],
+          request[http::field::cookie],
+          request[http::field::authorization],
+          from_};
 }
 
 void HTTPSession::refuse(unsigned status, std::string_view text) {
@@ -117,8 +147,9 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
   bool was_full = queue_.pop_written();
   if (close) return do_close();
   if (!queue_.empty()) do_write();
+  else if (upgrade_waiting_) return upgrade();
   // An interim answer may have filled the queue while the body is still read.
-  if (was_full && !closing_ && !reading_) do_read();
+  if (was_full && !closing_ && !reading_ && !upgrade_waiting_) do_read();
 }
 
 void HTTPSession::do_close() {

@@ -2,9 +2,10 @@
 
 #include "core/root.hpp"
 
-WebShared::WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters)
-    : root_(root), documents_(std::move(document_dir)), router_(root, documents_), limits_(limits),
-      counters_(counters) {}
+WebShared::WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters,
+                     std::shared_ptr<WebAccess> access)
+    : root_(root), access_(std::move(access)), documents_(std::move(document_dir)),
+      router_(root, documents_, *access_), limits_(limits), counters_(counters) {}
 
 // Counts are published under the lock, so the last one set is the true one;
 // the fields' listeners only post work and never come back here.

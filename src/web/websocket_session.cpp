@@ -35,11 +35,14 @@ bool is_disconnect(const beast::error_code& ec) {
 
 }  // namespace
 
-WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared)
+WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, Credentials credentials)
     : ws_(std::move(socket)),
       shared_(std::move(shared)),
       trigger_(std::make_shared<PushTrigger>()),
-      protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
+      credentials_(std::move(credentials)),
+      protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max,
+                [this] { return shared_->access().caller_of(credentials_.cookie, credentials_.authorization,
+                                                            credentials_.from); }),
       push_timer_(ws_.get_executor()) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
 }

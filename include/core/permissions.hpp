@@ -1,0 +1,28 @@
+#pragma once
+// Permissions: which role a write of a field needs, and whether a caller has
+// it. The write path asks this after a field is known to exist and be
+// writable, before the value is converted.
+//
+// The role needed is the nearest "permissions" attribute that names a role
+// ("viewer", "operator", "expert", "admin"), looking at the field itself and
+// then at its node and the node's ancestors. Without one:
+//   - values of IO nodes and buttons (commands): operator;
+//   - other settings of nodes (drivers, servers, managers: poll rates,
+//     addresses, time-outs, that is the machine's configuration): expert.
+// The administration node carries "admin" itself, so its buttons (stop,
+// restart, reboot, update) need an admin.
+//
+// The answer is worked out once per field and kept in the field: the tree and
+// its attributes do not change after start-up, and the check stays a load
+// and a compare on every later write.
+#include "core/field.hpp"
+#include "core/role.hpp"
+
+class Permissions {
+ public:
+  static Role needed_for(const FieldBase& field);
+  static bool allows(Role caller, const FieldBase& field) { return at_least(caller, needed_for(field)); }
+
+ private:
+  static Role resolve(const FieldBase& field);
+};
