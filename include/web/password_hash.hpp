@@ -3,7 +3,7 @@
 // random secrets of sessions and API tokens.
 //
 // The cost is tuned so that one check takes 50-250 ms on the instrument's
-// class of processor (about 110 ms on a development PC): slow enough that
+// class of processor (about 75 ms on a development PC): slow enough that
 // guessing from a stolen users file is expensive, fast enough for a login.
 // Logins are also rate-limited per client address (LoginLimiter).
 #include <cstddef>
@@ -12,7 +12,7 @@
 
 class PasswordHash {
  public:
-  static constexpr unsigned long long kOpsLimit = 3;
+  static constexpr unsigned long long kOpsLimit = 8;
   static constexpr size_t kMemLimit = 32u << 20;
 
   // The hash string ("$argon2id$v=19$m=...") of `password`; empty when the
