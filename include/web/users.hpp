@@ -30,10 +30,6 @@ class Users {
     std::string name;
     Role role;
   };
-  struct TokenInfo {
-    std::string name;
-    Role role;
-  };
 
   explicit Users(std::string file);
 
@@ -56,7 +52,8 @@ class Users {
   // A new token under a new name; the token text, or nothing with `error`.
   std::optional<std::string> issue_token(std::string_view name, Role role, std::string& error);
   bool revoke_token(std::string_view name, std::string& error);
-  std::vector<TokenInfo> tokens() const;
+  // Names and roles only: no secret leaves this class.
+  std::vector<Identity> tokens() const;
   std::vector<Identity> users() const;
 
   // Names of users and tokens: 1 to 64 letters, digits, '_', '-' or '.'.

@@ -66,25 +66,26 @@ bool Users::parse(const std::string& text, std::string& error) {
     auto found = item.find(key);
     return found != item.end() && found->is_string() ? found->get<std::string>() : std::string();
   };
-  for (auto& item : list("users")) {
-    auto role = role_named(text_of(item, "role"));
-    auto name = text_of(item, "name");
-    if (!role || !valid_name(name) || text_of(item, "hash").empty()) {
-      error = "a user without a valid name, role or hash";
-      return false;
+  // Users and tokens alike: a valid name, a role and the text of a secret.
+  auto read = [&](const char* key, const char* secret, auto add) {
+    for (auto& item : list(key)) {
+      auto role = role_named(text_of(item, "role"));
+      auto name = text_of(item, "name");
+      auto text = text_of(item, secret);
+      if (!role || !valid_name(name) || text.empty()) {
+        error = fmt::format("an entry of \"{}\" without a valid name, role or {}", key, secret);
+        return false;
+      }
+      add(std::move(name), *role, std::move(text));
     }
-    users_.push_back({name, *role, text_of(item, "hash")});
-  }
-  for (auto& item : list("tokens")) {
-    auto role = role_named(text_of(item, "role"));
-    auto name = text_of(item, "name");
-    if (!role || !valid_name(name) || text_of(item, "digest").empty()) {
-      error = "a token without a valid name, role or digest";
-      return false;
-    }
-    tokens_.push_back({name, *role, text_of(item, "digest")});
-  }
-  return true;
+    return true;
+  };
+  return read("users", "hash", [&](std::string name, Role role, std::string hash) {
+           users_.push_back({std::move(name), role, std::move(hash)});
+         }) &&
+         read("tokens", "digest", [&](std::string name, Role role, std::string digest) {
+           tokens_.push_back({std::move(name), role, std::move(digest)});
+         });
 }
 
 bool Users::save(std::string& error) const {
@@ -208,9 +209,9 @@ bool Users::revoke_token(std::string_view name, std::string& error) {
   return false;
 }
 
-std::vector<Users::TokenInfo> Users::tokens() const {
+std::vector<Users::Identity> Users::tokens() const {
   std::lock_guard lock(mutex_);
-  std::vector<TokenInfo> out;
+  std::vector<Identity> out;
   for (auto& t : tokens_) out.push_back({t.name, t.role});
   return out;
 }

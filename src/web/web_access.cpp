@@ -48,6 +48,13 @@ nlohmann::json parse_object(std::string_view body) {
   return json.is_object() ? json : nlohmann::json::object();
 }
 
+// [{"name":..,"role":..},...]
+std::string names_and_roles(const std::vector<Users::Identity>& list) {
+  auto out = nlohmann::json::array();
+  for (auto& item : list) out.push_back({{"name", item.name}, {"role", to_string(item.role)}});
+  return out.dump();
+}
+
 bool is_write(std::string_view method) { return method != "GET" && method != "HEAD"; }
 
 }  // namespace
@@ -161,11 +168,8 @@ HttpReply WebAccess::session(const HttpRequestView& request) {
 
 HttpReply WebAccess::manage_users(const HttpRequestView& request, std::string_view name, const Caller& admin) {
   std::string error;
-  if (name.empty() && (request.method == "GET" || request.method == "HEAD")) {
-    auto list = nlohmann::json::array();
-    for (auto& user : users_.users()) list.push_back({{"name", user.name}, {"role", to_string(user.role)}});
-    return json_reply(200, list.dump());
-  }
+  if (name.empty() && (request.method == "GET" || request.method == "HEAD"))
+    return json_reply(200, names_and_roles(users_.users()));
   if (name.empty() && request.method == "POST") {
     auto body = parse_object(request.body);
     auto user = text_member(body, "name");
@@ -187,11 +191,8 @@ HttpReply WebAccess::manage_users(const HttpRequestView& request, std::string_vi
 
 HttpReply WebAccess::manage_tokens(const HttpRequestView& request, std::string_view name, const Caller& admin) {
   std::string error;
-  if (name.empty() && (request.method == "GET" || request.method == "HEAD")) {
-    auto list = nlohmann::json::array();
-    for (auto& token : users_.tokens()) list.push_back({{"name", token.name}, {"role", to_string(token.role)}});
-    return json_reply(200, list.dump());
-  }
+  if (name.empty() && (request.method == "GET" || request.method == "HEAD"))
+    return json_reply(200, names_and_roles(users_.tokens()));
   if (name.empty() && request.method == "POST") {
     auto body = parse_object(request.body);
     auto token_name = text_member(body, "name");
