@@ -139,14 +139,14 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
         LogCapture log;
         if (!websocket) {
           auto url = fmt::format("/io/{}", field.path);
-          auto reply = rig.router.answer({"PUT", url, field.text, "127.0.0.1", caller.origin, caller.cookie,
-                                          caller.authorization, "10.0.0.7"});
+          auto reply = rig.router.answer({"PUT", url, field.text, "10.0.0.7:5000", "127.0.0.1", caller.origin,
+                                          caller.cookie, caller.authorization});
           EXPECT_EQ(reply.body, allowed ? HttpRouter::kSuccess : HttpRouter::kFailed);
           unsigned refused = foreign ? 403 : field.needed == Role::Anonymous ? 403 : role_of(caller) == Role::Anonymous ? 401 : 403;
           EXPECT_EQ(reply.status, allowed ? 200u : refused) << reply.error;
         } else if (!foreign) {  // a foreign page never gets a WebSocket (WebServerAccess)
           ClientProtocol protocol(*rig.root, std::make_shared<PushTrigger>(), 10,
-                                  [&] { return access.caller_of(caller.cookie, caller.authorization, "10.0.0.7"); });
+                                  [&] { return access.caller_of(caller.cookie, caller.authorization, "10.0.0.7:5000"); });
           protocol.handle_message(fmt::format(R"({{"event":"set","data":{{"{}":{}}}}})", field.path, field.text));
         } else {
           continue;
@@ -154,7 +154,7 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
         std::string after = target.json() + restarts.json();
         if (allowed) {
           EXPECT_NE(after, before);
-          EXPECT_TRUE(log.contains(fmt::format("from 10.0.0.7 {} '{}'",
+          EXPECT_TRUE(log.contains(fmt::format("from 10.0.0.7:5000 {} '{}'",
                                                field.needed == Role::Admin ? "pressed" : "set", field.path)));
         } else {
           EXPECT_EQ(after, before) << "a refused write changed nothing";
@@ -182,7 +182,7 @@ TEST(WebAccessLogin, FirstStartCreatesAnAdminWhoseSessionCookieIsGuardedAndEndsA
 
   LogCapture log;
   auto login = rig.router.answer({"POST", "/api/login", R"({"user":"admin","password":")" + password + "\"}",
-                                  "127.0.0.1:8080", "http://127.0.0.1:8080", "", "", "10.0.0.1"});
+                                  "10.0.0.1:1000", "127.0.0.1:8080", "http://127.0.0.1:8080"});
   ASSERT_EQ(login.status, 200u) << login.error;
   EXPECT_EQ(login.body, R"({"role":"admin","user":"admin"})");
   EXPECT_TRUE(login.set_cookie.starts_with("zel_session="));
@@ -190,18 +190,19 @@ TEST(WebAccessLogin, FirstStartCreatesAnAdminWhoseSessionCookieIsGuardedAndEndsA
   EXPECT_EQ(login.set_cookie.find("Secure"), std::string::npos) << "plain HTTP";
   auto cookie = login.set_cookie.substr(0, login.set_cookie.find(';'));
   EXPECT_EQ(rig.access.caller_of(cookie, "", "x").role, Role::Admin);
-  EXPECT_TRUE(log.contains("User 'admin' (admin) logged in from 10.0.0.1"));
+  EXPECT_TRUE(log.contains("User 'admin' (admin) logged in from 10.0.0.1:1000"));
 
-  auto token = rig.router.answer({"POST", "/api/tokens", R"({"name":"nightly","role":"operator"})", "", "", cookie});
+  auto token = rig.router.answer({"POST", "/api/tokens", R"({"name":"nightly","role":"operator"})", "", "", "", cookie});
   ASSERT_EQ(token.status, 200u) << token.error;
   auto text = nlohmann::json::parse(token.body)["token"].get<std::string>();
   EXPECT_EQ(rig.access.caller_of("", "Bearer " + text, "x").who, "token nightly");
-  EXPECT_EQ(rig.router.answer({"POST", "/api/tokens", R"({"name":"t2","role":"admin"})", "", "", "",
+  EXPECT_EQ(rig.router.answer({"POST", "/api/tokens", R"({"name":"t2","role":"admin"})", "", "", "", "",
                                "Bearer " + text}).status, 403u) << "only an admin issues tokens";
-  EXPECT_EQ(rig.router.answer({"DELETE", "/api/tokens/nightly", "", "", "", cookie}).status, 200u);
+  EXPECT_EQ(rig.router.answer({"DELETE", "/api/tokens/nightly", "", "", "", "", cookie}).status, 200u);
   EXPECT_EQ(rig.access.caller_of("", "Bearer " + text, "x").role, Role::Anonymous) << "revoked";
 
-  EXPECT_EQ(rig.router.answer({"POST", "/api/logout", "", "", "", cookie}).set_cookie.find("Max-Age=0") != std::string::npos, true);
+  EXPECT_NE(rig.router.answer({"POST", "/api/logout", "", "", "", "", cookie}).set_cookie.find("Max-Age=0"),
+            std::string::npos);
   EXPECT_EQ(rig.access.caller_of(cookie, "", "x").role, Role::Anonymous);
 }
 
@@ -210,15 +211,16 @@ TEST(WebAccessLogin, WrongPasswordsAreRefusedAndAnAddressIsStoppedAfterFiveInAMi
   std::string error;
   ASSERT_TRUE(rig.access.users().set_user("olga", "right horse", Role::Operator, error)) << error;
   LogCapture log;
-  auto try_login = [&](const char* user, const char* password, const char* from) {
+  // Each try on a connection of its own: the limit is per address, not per port.
+  auto try_login = [&](const char* user, const char* password, std::string client) {
     return rig.router.answer({"POST", "/api/login", fmt::format(R"({{"user":"{}","password":"{}"}})", user, password),
-                              "", "", "", "", from});
+                              client});
   };
   for (int i = 0; i < LoginLimiter::kFailures; ++i)
-    EXPECT_EQ(try_login(i % 2 ? "olga" : "nobody", "wrong", "10.0.0.9").status, 401u);
-  EXPECT_TRUE(log.contains("Error: Login of 'nobody' from 10.0.0.9 refused: wrong user name or password"));
-  EXPECT_EQ(try_login("olga", "right horse", "10.0.0.9").status, 429u) << "even with the right password";
-  EXPECT_EQ(try_login("olga", "right horse", "10.0.0.10").status, 200u) << "other addresses are not held up";
+    EXPECT_EQ(try_login(i % 2 ? "olga" : "nobody", "wrong", fmt::format("[fd00::9]:{}", 4000 + i)).status, 401u);
+  EXPECT_TRUE(log.contains("Error: Login of 'nobody' from [fd00::9]:4000 refused: wrong user name or password"));
+  EXPECT_EQ(try_login("olga", "right horse", "[fd00::9]:5000").status, 429u) << "even with the right password";
+  EXPECT_EQ(try_login("olga", "right horse", "10.0.0.10:4000").status, 200u) << "other addresses are not held up";
 
   LoginLimiter limiter;
   auto now = std::chrono::steady_clock::now();

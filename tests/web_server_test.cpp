@@ -681,7 +681,8 @@ TEST_F(WebServerTest, WebSocketsCarryTheirSessionAndForeignPagesGetNone) {
             "Upgrade: websocket\r\nSec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
             "Cookie: zel_session=" + session + "\r\n\r\n");
   EXPECT_TRUE(foreign.starts_with("HTTP/1.1 403")) << foreign.substr(0, 40);
-  EXPECT_TRUE(log.contains("Error: Cross-origin GET of '/' from 127.0.0.1 refused: the page of 'http://evil.example'"));
+  EXPECT_TRUE(log.contains("Error: Cross-origin GET of '/' from 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("refused: the page of 'http://evil.example' is not this instrument's own"));
 
   web_client::WebSocketClient anonymous(io, port);
   anonymous.send(R"({"event":"set","data":{"t/value":5}})");
@@ -691,7 +692,8 @@ TEST_F(WebServerTest, WebSocketsCarryTheirSessionAndForeignPagesGetNone) {
   olga.send(R"({"event":"set","data":{"t/value":-3}})");
   ASSERT_TRUE(olga.receive_containing("[[-3,", 5s));
   EXPECT_TRUE(log.contains("Error: WebSocket client set refused: Log in to change 't/value'"));
-  EXPECT_TRUE(log.contains("olga (operator) from 127.0.0.1 set 't/value' from 1 to -3"));
+  EXPECT_TRUE(log.contains("set 't/value' from 1 to -3"));
+  EXPECT_TRUE(log.contains("olga (operator) from 127.0.0.1:"));
 
   access.sessions().close(session);  // logged out elsewhere: the open socket loses its rights too
   olga.send(R"({"event":"set","data":{"t/value":7}})");

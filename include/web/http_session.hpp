@@ -50,5 +50,5 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   bool closing_ = false;  // no more reads: the last reply closes the connection
   bool reading_ = false;  // a request is being read
   bool upgrade_waiting_ = false;  // an upgrade waits for the replies before it
-  std::string from_;              // the client's address
+  std::string client_;            // the peer's address and port
 };

@@ -57,7 +57,7 @@ class WebAccess {
   // WebSocket does so on every set, so a logout or an expiry takes effect).
   Caller caller_of(std::string_view cookie, std::string_view authorization, std::string_view from);
   Caller caller_of(const HttpRequestView& request) {
-    return caller_of(request.cookie, request.authorization, request.from);
+    return caller_of(request.cookie, request.authorization, request.client);
   }
   // A 403 reply (logged) for a state-changing request from a foreign page or
   // through a foreign host name; nothing when it may go on.
@@ -67,6 +67,9 @@ class WebAccess {
 
   // The session id a Cookie header carries, or empty.
   static std::string_view session_id(std::string_view cookie);
+  // The address of a client text ("10.0.0.7:5000" -> "10.0.0.7",
+  // "[::1]:80" -> "::1"): logins are limited per address, not per connection.
+  static std::string_view address_of(std::string_view client);
   // The token of an "Authorization: Bearer <token>" header, or empty.
   static std::string_view bearer_token(std::string_view authorization);
 

@@ -43,7 +43,10 @@ HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> share
     : stream_(std::move(socket)), shared_(std::move(shared)), queue_(shared_->limits().http_pipeline_max) {
   beast::error_code ec;
   auto remote = stream_.socket().remote_endpoint(ec);
-  from_ = ec ? "an unknown address" : remote.address().to_string();
+  auto address = remote.address();
+  client_ = ec ? std::string("an unknown address")
+          : address.is_v6() ? fmt::format("[{}]:{}", address.to_string(), remote.port())
+                            : fmt::format("{}:{}", address.to_string(), remote.port());
   shared_->http_opened();
 }
 
@@ -104,7 +107,7 @@ void HTTPSession::upgrade() {
   // browser's credentials, nor read it through a rebound host name.
   if (auto refused = shared_->access().refuse_foreign(view_of(request))) return refuse(403, refused->error);
   WebsocketSession::Credentials credentials{std::string(request[http::field::cookie]),
-                                            std::string(request[http::field::authorization]), from_};
+                                            std::string(request[http::field::authorization]), client_};
   stream_.expires_never();
   std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(credentials))
       ->run(parser_->release());
@@ -114,11 +117,11 @@ HttpRequestView HTTPSession::view_of(const Request& request) const {
   return {request.method_string(),
           request.target(),
           request.body(),
+          client_,
           request[http::field::host],
           request[http::field::origin],
           request[http::field::cookie],
-          request[http::field::authorization],
-          from_};
+          request[http::field::authorization]};
 }
 
 void HTTPSession::refuse(unsigned status, std::string_view text) {

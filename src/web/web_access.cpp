@@ -78,6 +78,12 @@ std::string_view WebAccess::session_id(std::string_view cookie) {
   return {};
 }
 
+std::string_view WebAccess::address_of(std::string_view client) {
+  if (client.starts_with('[')) return client.substr(1, client.find(']') - 1);
+  auto colon = client.rfind(':');
+  return colon == std::string_view::npos ? client : client.substr(0, colon);
+}
+
 std::string_view WebAccess::bearer_token(std::string_view authorization) {
   constexpr std::string_view kBearer = "Bearer ";
   return authorization.starts_with(kBearer) ? authorization.substr(kBearer.size()) : std::string_view{};
@@ -95,7 +101,7 @@ std::optional<HttpReply> WebAccess::refuse_foreign(const HttpRequestView& reques
   std::string why;
   if (origins_.allows(request.host, request.origin, why)) return std::nullopt;
   ZEL_ERROR("Cross-origin {} of '{}' from {} refused: {}", request.method.substr(0, 20), request.target.substr(0, 200),
-            request.from, why);
+            request.client, why);
   return failed(403, "Cross-origin request refused: " + why + ".");
 }
 
@@ -128,8 +134,9 @@ std::string WebAccess::cookie(std::string_view id, bool clear) const {
 }
 
 HttpReply WebAccess::login(const HttpRequestView& request) {
-  auto from = request.from;
-  if (!limiter_.may_try(from)) {
+  auto from = request.client;
+  auto address = address_of(from);
+  if (!limiter_.may_try(address)) {
     ZEL_ERROR("Login from {} refused: too many failed tries, wait a minute", from);
     return failed(429, "Too many failed logins from this address; try again in a minute.");
   }
@@ -137,11 +144,11 @@ HttpReply WebAccess::login(const HttpRequestView& request) {
   auto name = text_member(body, "user");
   auto identity = users_.check_password(name, text_member(body, "password"));
   if (!identity) {
-    limiter_.failed(from);
+    limiter_.failed(address);
     ZEL_ERROR("Login of '{}' from {} refused: wrong user name or password", name.substr(0, 64), from);
     return failed(401, "Wrong user name or password.");
   }
-  limiter_.succeeded(from);
+  limiter_.succeeded(address);
   auto reply = json_reply(200, nlohmann::json{{"user", identity->name}, {"role", to_string(identity->role)}}.dump());
   reply.set_cookie = cookie(sessions_.open(identity->name, identity->role), false);
   ZEL_INFO("User '{}' ({}) logged in from {}", identity->name, to_string(identity->role), from);
@@ -150,7 +157,7 @@ HttpReply WebAccess::login(const HttpRequestView& request) {
 
 HttpReply WebAccess::logout(const HttpRequestView& request) {
   auto id = session_id(request.cookie);
-  if (auto session = sessions_.use(id)) ZEL_INFO("User '{}' logged out from {}", session->user, request.from);
+  if (auto session = sessions_.use(id)) ZEL_INFO("User '{}' logged out from {}", session->user, request.client);
   sessions_.close(id);
   auto reply = json_reply(200, std::string(HttpRouter::kSuccess));
   reply.set_cookie = cookie("", true);
