@@ -6,12 +6,14 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <fstream>
 
 #include "core/io/io.hpp"
 #include "core/permissions.hpp"
 #include "core/root.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
+#include "std/atomic_file.hpp"
 #include "tree_access.hpp"
 #include "web/client_protocol.hpp"
 #include "web/document_root.hpp"
@@ -257,4 +259,21 @@ TEST(OriginPolicy, OnlyTheInstrumentsOwnNamesAndPageMayChangeIt) {
     std::string why;
     EXPECT_EQ(policy.allows(c.host, c.origin, why), c.allowed) << c.host << " " << c.origin << ": " << why;
   }
+}
+
+TEST(WebAccessLogin, AnUnusableUsersFileLetsNobodyInAndIsLeftForTheAdminToMend) {
+  Rig rig;
+  const auto& file = rig.access.users().file();
+  fs::create_directories(fs::path(file).parent_path());
+  const std::string mangled = R"({"users":[{"name":"admin","role":"root","hash":"$argon2id$x"}]})";
+  std::ofstream(file) << mangled;
+  LogCapture log;
+  std::string password;
+  EXPECT_FALSE(rig.access.users().load(&password));
+  EXPECT_TRUE(password.empty()) << "no admin is made over a file that exists";
+  EXPECT_TRUE(log.contains("is unusable (an entry of \"users\" without a valid name, role or hash)"));
+  EXPECT_FALSE(rig.access.users().check_password("admin", "anything"));
+  std::string text, error;
+  ASSERT_EQ(AtomicFile::read(file, text, error), AtomicFile::ReadResult::Ok);
+  EXPECT_EQ(text, mangled);
 }
