@@ -403,6 +403,7 @@ TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
   EXPECT_EQ(t["value"]["path"], "ch/t/value");
   EXPECT_EQ(t["value"]["value"], 3);
   EXPECT_EQ(t["value"]["units"], "degC");
+  EXPECT_EQ(t["value"]["role"], "operator");
   EXPECT_FALSE(t.contains("children")) << "depth 1 ends here";
 
   auto self_test = nlohmann::json::parse(api.call("GET", "/api/tree/io_server/json_test?depth=0").body);
