@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <future>
+#include <limits>
 #include <optional>
 #include <random>
 #include <sstream>
@@ -20,6 +21,7 @@
 #include "core/io/range_interlock_io.hpp"
 #include "core/io/tolerance_interlock_io.hpp"
 #include "core/root.hpp"
+#include "core/write_path.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
@@ -61,6 +63,7 @@ struct ModelLock {
       case Range: {
         if (!first) return 0;
         double x = *first;
+        if (!std::isfinite(x)) return 1;  // a failed sensor
         if (lower_limit && x < *lower_limit) return 1;
         if (upper_limit && x > *upper_limit) return 1;
         if (lower_warning && x < *lower_warning) return 2;
@@ -70,6 +73,7 @@ struct ModelLock {
       case Tolerance: {
         double reference = first.value_or(0.0);
         double deviation = std::fabs(second.value_or(0.0) - reference);
+        if (!std::isfinite(reference) || !std::isfinite(deviation)) return 1;
         if (minimum && !(std::fabs(reference) > *minimum)) return 0;
         if (tolerance_limit && deviation > std::fabs(reference * *tolerance_limit / 100)) return 1;
         if (!tolerance_warning) return 0;
@@ -152,7 +156,8 @@ struct Chain {
   std::vector<std::unique_ptr<AnalogIO>> analogs;
   std::vector<std::unique_ptr<DigitalIO>> digitals;
   DigitalIO output{VTree("output")};
-  std::unique_ptr<Node> machine = std::make_unique<Node>(VTree("machine"));
+  // A manager of its own subtree: its enable_all reaches every lock.
+  std::unique_ptr<InterlockManager> machine = std::make_unique<InterlockManager>(VTree("machine"));
   PermitCommandIO* permit = nullptr;
   std::vector<InterlockIO*> locks;
   // Per lock, the IOs its model values `first` and `second` mirror.
@@ -229,6 +234,7 @@ void build_chain(Chain& chain, std::mt19937& random, Model& model, size_t lock_c
     model.locks.push_back(m);
   }
   chain.permit->init();
+  chain.machine->init();
 }
 
 // Sets an input IO and its model mirror; the model reacts only when the IO
@@ -272,7 +278,9 @@ void expect_same(const Chain& chain, const Model& model, const LogCapture& log) 
 TEST(InterlockChain, FollowsTheAlgorithmOverRandomSequences) {
   LogCapture log;
   QuietStderr quiet;
-  const double analog_values[] = {-3, -2, -1.5, -1, 0, 1, 1.5, 2, 3, 10, 45, 50, 55, 55.1, 60, -50};
+  constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+  constexpr double kInf = std::numeric_limits<double>::infinity();
+  const double analog_values[] = {-3, -2, -1.5, -1, 0, 1, 1.5, 2, 3, 10, 45, 50, 55, 55.1, 60, -50, kNaN, kInf, -kInf};
   const double seconds[] = {0.25, 0.5, 1, 2};
   for (unsigned seed = 1; seed <= 300; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
@@ -298,7 +306,7 @@ TEST(InterlockChain, FollowsTheAlgorithmOverRandomSequences) {
     };
     for (int step = 0; step < 200; ++step) {
       size_t i = index(chain.locks.size());
-      switch (index(11)) {
+      switch (index(12)) {
         case 0:
         case 1:
         case 2: {
@@ -337,6 +345,16 @@ TEST(InterlockChain, FollowsTheAlgorithmOverRandomSequences) {
           chain.locks[i]->start();
           model.input_changed(model.locks[i]);
           break;
+        case 11: {  // "Enable All" from outside assigns every lock each time, changed or not
+          bool v = index(4) != 0;
+          ASSERT_TRUE(WritePath::write_at(chain.machine->enable_all(), {}, v ? "true" : "false").ok());
+          for (size_t k = 0; k < model.locks.size(); ++k) {
+            if (model.locks[k].enabled == v) continue;
+            model.locks[k].enabled = v;
+            model.lock_event(model.locks[k]);
+          }
+          break;
+        }
       }
       SCOPED_TRACE("step " + std::to_string(step));
       expect_same(chain, model, log);

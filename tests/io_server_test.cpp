@@ -194,7 +194,7 @@ TEST_F(IOFiles, ListingGivesIndexFirstThenChildrenInChildOrderWithTheirModes) {
   };
   EXPECT_EQ(mode(""), S_IFDIR | 0777u);
   EXPECT_EQ(mode("g"), S_IFDIR | 0777u);
-  EXPECT_EQ(mode("g/label.json"), S_IFREG | 0666u);
+  EXPECT_EQ(mode("g/label.json"), S_IFREG | 0444u);  // an attribute describes, it is not set
   EXPECT_EQ(mode("g.json"), S_IFREG | 0666u);
   EXPECT_EQ(mode("pulse/count.json"), S_IFREG | 0444u);  // a read-only field
 }
@@ -224,9 +224,11 @@ TEST_F(IOFiles, AnOpenShowsTheValueAsItWasWhenOpened) {
   char head[2];
   ASSERT_EQ(::read(fd, head, 2), 2);
   s.set("a much longer value");
+  // The kernel asks sizes without the open's handle: they are the present
+  // value's, by path and by descriptor alike, whatever an open holds.
   struct stat st {};
-  ASSERT_EQ(fstat(fd, &st), 0);
-  EXPECT_EQ(st.st_size, 7);  // "short" in quotes, as it was at open
+  ASSERT_EQ(stat(file("s/value.json").c_str(), &st), 0);
+  EXPECT_EQ(st.st_size, 21);
   char rest[64];
   ssize_t n = ::read(fd, rest, sizeof rest);
   ASSERT_GE(n, 0);
@@ -253,6 +255,7 @@ TEST_F(IOFiles, EachWriteIsTheWholeNewValueAndCountsEveryByte) {
   EXPECT_EQ(x.get(), 7.0);
 
   // Two writes through one open: each is a value of its own, at any offset.
+  // (Only a value of 128 KiB or more, refused, has its further pieces refused.)
   int fd = ::open(file("x/value.json").c_str(), O_WRONLY);
   ASSERT_GE(fd, 0);
   EXPECT_EQ(::write(fd, "12", 2), 2);
@@ -263,10 +266,11 @@ TEST_F(IOFiles, EachWriteIsTheWholeNewValueAndCountsEveryByte) {
   EXPECT_EQ(::write(fd, "", 0), 0);
   EXPECT_EQ(x.get(), 3.0);
   EXPECT_TRUE(log.entries().empty());
-  // A value the field rejects still counts as written; the field keeps its value.
-  EXPECT_EQ(::write(fd, "abc", 3), 3);
+  // A value the field rejects fails the write; the field keeps its value.
+  EXPECT_EQ(::write(fd, "abc", 3), -1);
+  EXPECT_EQ(errno, EINVAL);
   EXPECT_EQ(x.get(), 3.0);
-  EXPECT_TRUE(log.contains("'abc'"));
+  EXPECT_TRUE(log.contains("'abc' is not a double"));
   ::close(fd);
 
   EXPECT_EQ(write_whole(file("pulse/count.json"), "99"), -EACCES);
@@ -470,10 +474,10 @@ TEST(IOFileSystem, AnEmptyWriteChangesNothing) {
   ASSERT_EQ(files.open(value.ino, O_WRONLY, handle), 0);
   LogCapture log;
   size_t written = 99;
-  EXPECT_EQ(files.write(handle, "", written), 0);
+  EXPECT_EQ(files.write(handle, "", 0, written), 0);
   EXPECT_EQ(written, 0u);
   EXPECT_TRUE(log.entries().empty());
-  EXPECT_EQ(files.write(handle, "2", written), 0);
+  EXPECT_EQ(files.write(handle, "2", 0, written), 0);
   EXPECT_EQ(written, 1u);
   EXPECT_EQ(static_cast<AnalogIO*>(root->find_path("x"))->get(), 2.0);
   files.release(handle);

@@ -2,6 +2,7 @@
 
 #include <thread>
 
+#include "core/write_path.hpp"
 #include "core/field_subscription.hpp"
 #include "core/io/io.hpp"
 #include "core/vtree.hpp"
@@ -112,12 +113,11 @@ TYPED_TEST(FieldTypes, ValueSurvivesItsTextAndAUserSet) {
   ValueField<TypeParam> source("a");
   source.set(sample_value<TypeParam>());
   ValueField<TypeParam> target("b");
-  std::string error;
-  ASSERT_TRUE(target.set_from_user(source.json(), &error)) << error << " for " << source.json();
+  auto answer = WritePath::write_at(target, {}, source.json());
+  ASSERT_TRUE(answer.ok()) << answer.reason << " for " << source.json();
   EXPECT_EQ(target.get(), source.get());
   EXPECT_EQ(target.json(), source.json());
   target.set_readonly(true);
-  EXPECT_FALSE(target.set_from_user(ValueField<TypeParam>("c").json(), &error));
-  EXPECT_EQ(error, "read-only");
+  EXPECT_EQ(WritePath::write_at(target, {}, ValueField<TypeParam>("c").json()).status, WriteStatus::ReadOnly);
   EXPECT_EQ(target.get(), source.get());
 }

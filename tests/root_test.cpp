@@ -67,10 +67,11 @@ TEST(Root, UserSetsThatCannotApplyAreLoggedAndChangeNothing) {
   EXPECT_EQ(static_cast<Pulse*>(root->find_path("pulse"))->count().get(), 0u);
   auto texts = log.texts();
   EXPECT_EQ(texts, (std::vector<std::string>{
-                       "Error: User can't set Field, readonly bob x",
-                       "Error: User no valid Field found bob nowhere/value",
-                       "Error: User no valid Field found bob c",
-                       "Error: User can't set Field, readonly bob pulse/count",
+                       "Error: User can't set Field, readonly bob x: is a value of a read-only node",
+                       "Error: User no valid Field found bob nowhere/value: there is nothing at that path",
+                       "Error: User no valid Field found bob c: a node without a value: it takes a JSON object of "
+                       "its members",
+                       "Error: User can't set Field, readonly bob pulse/count: is read-only",
                    }));
 }
 

@@ -179,11 +179,38 @@ TEST(Loading, UnknownPathsAreSkippedSilentlyAndNonValuesAreLogged) {
   LogCapture log;
   auto root = start(quiet(R"(<x type="analog_io" store="config"/><box type="component" label="Crate"/>)"));
   EXPECT_EQ(at<AnalogIO>(*root, "x").get(), 7.0);
-  EXPECT_EQ(dynamic_cast<Node&>(*root->find_path("box")).label(), "Box");  // a field, set by path
+  // An attribute describes its node: a store restores values, never those.
+  EXPECT_EQ(dynamic_cast<Node&>(*root->find_path("box")).label(), "Crate");
   std::vector<std::string> errors;
   for (auto& e : log.entries())
     if (e.level == LogLevel::Error) errors.push_back(e.source + " " + e.text);
-  EXPECT_EQ(errors, (std::vector<std::string>{"src/core/store_manager Error: Vertex is neither Field or IO 'box"}));
+  EXPECT_EQ(errors, (std::vector<std::string>{
+                        "src/core/store_manager Error: Vertex is neither Field or IO 'box",
+                        "src/core/write_path Error: User can't set Field, readonly store config box/label: describes "
+                        "its node and is not a value"}));
+}
+
+// A store restores settings and values; it never presses a button or sets a
+// state, and a store manager's delays are checked like every other setting.
+TEST(Loading, StoresRestoreValuesOnlyAndAbsurdDelaysAreRefused) {
+  DataRoot data;
+  write_text(data.store("config"),
+             R"({"admin/store_manager/service_button": true, "interlocks/summary": "error", "x": 7})");
+  Root::reset_configuration_errors();
+  LogCapture log;
+  auto root = start(R"(<root><admin><store_manager save_delay="1e-9" hourmeter_period="-5"/></admin>
+                       <x type="analog_io" store="config"/><spare type="store_manager"/></root>)");
+  EXPECT_EQ(at<AnalogIO>(*root, "x").get(), 7.0);
+  EXPECT_EQ(at<ButtonField>(*root, "admin/store_manager/service_button").presses(), 0u);
+  EXPECT_EQ(root->find_path("interlocks/summary")->json(), R"({"value":"ok"})");
+  EXPECT_TRUE(log.contains("service_button: is a button: a store never presses one"));
+  EXPECT_TRUE(log.contains("interlocks/summary/value: is a value of a read-only node"));
+  EXPECT_TRUE(log.contains(
+      "Setting 'save_delay' of 'admin/store_manager' refused: 1e-9 is out of range: takes 0 (off) or from 0.01 to 86400"));
+  EXPECT_EQ(stores(*root).save_delay().get(), 1.0);
+  EXPECT_TRUE(log.contains("Setting 'hourmeter_period' of 'admin/store_manager' refused: -5"));
+  EXPECT_TRUE(log.contains("A second store manager at 'spare' is refused: 'admin/store_manager' keeps the stores"));
+  EXPECT_EQ(Root::configuration_errors(), 2u);
 }
 
 TEST(Loading, WithoutARootLogsFailedToInitializeRoot) {
@@ -227,8 +254,8 @@ TEST(Loading, WrongTypedMemberIsLoggedByItsFieldWhileTheOthersLoad) {
   EXPECT_EQ(at<AnalogIO>(*root, "a").get(), 1.0);
   EXPECT_EQ(at<AnalogIO>(*root, "b").get(), 2.0);
   EXPECT_EQ(at<StringIO>(*root, "c").get(), "keep");
-  EXPECT_TRUE(log.contains("Error: Can't convert '\"fast\"' to double for 'a/value'"));
-  EXPECT_TRUE(log.contains("Error: Can't convert '[1]' to string for 'c/value'"));
+  EXPECT_TRUE(log.contains("Error: User can't set Field store config a/value: '\\\"fast\\\"' is not a double"));
+  EXPECT_TRUE(log.contains("Error: User can't set Field store config c/value: '[1]' is not a string"));
 }
 
 TEST(Loading, StoreThatNoMemberUsesIsNotApplied) {

@@ -83,7 +83,7 @@ bool eventually(F&& condition, std::chrono::milliseconds timeout = std::chrono::
 // The protocol of one session, without a socket.
 struct Session {
   explicit Session(Root& root, Role role = Role::Operator)
-      : protocol(root, trigger, 1000, [role] { return Caller{role, "tester", "a test"}; }) {}
+      : protocol(root, trigger, 1000, [role] { return WebCaller::of(role, "tester", "a test"); }) {}
   std::string push() {
     std::string out;
     return protocol.write_push(out).wrote ? out : std::string();
@@ -135,7 +135,7 @@ TEST(WebsocketProtocol, UnknownPathsAreLoggedAndTheOtherMembersStillApply) {
   session.protocol.handle_message(R"({"event":"set","data":{"nowhere/value":5,"a/value":2.5,"b/value":true}})");
   EXPECT_EQ(at<AnalogIO>(*root, "a").get(), 2.5);
   EXPECT_TRUE(at<DigitalIO>(*root, "b").get());
-  EXPECT_TRUE(logged_exactly(log, "Error: WebSocket client tried to set unknown field 'nowhere/value'"));
+  EXPECT_TRUE(logged_exactly(log, "Error: User no valid Field found websocket tester (operator) a test nowhere/value: there is nothing at that path"));
 
   // A node is not a field: no subscription, the same kind of line.
   session.protocol.handle_message(R"({"event":"subscribe","data":{"a":1,"missing":1,"b/value":1}})");
@@ -162,7 +162,7 @@ TEST(WebsocketProtocol, MalformedMessagesAreLoggedAndChangeNothing) {
   for (const char* part : {"Error: Malformed WebSocket message: {not json", "Error: WebSocket message is not an object",
                            "Error: WebSocket message without an event name", "Error: Unknown WebSocket event 'explode'",
                            "Error: WebSocket 'set' data is not an object: [1]",
-                           "Error: WebSocket 'subscribe' data is not an object", "Can't convert",
+                           "Error: WebSocket 'subscribe' data is not an object", "'\\\"x\\\"' is not a double",
                            "Error: WebSocket message nested deeper than 128 levels"})
     EXPECT_TRUE(log.contains(part)) << part;
 }
@@ -376,9 +376,9 @@ TEST(WebHttpApi, SetAnswersSuccessOrFailedWithTheReason) {
     unsigned status;
     const char* reason;
   };
-  for (auto& c : {Case{"/io/t", "warm", 400, "cannot take 'warm'"}, Case{"/io/ro", "2", 403, "is read-only"},
-                  Case{"/io/t/units", "\"K\"", 403, "describes its node"}, Case{"/io/none", "1", 404, "no field 'none'"},
-                  Case{"/io/pulse", "1", 404, "no field"}}) {
+  for (auto& c : {Case{"/io/t", "warm", 400, "'warm' is not a double"}, Case{"/io/ro", "2", 403, "read-only node"},
+                  Case{"/io/t/units", "\"K\"", 403, "describes its node"},
+                  Case{"/io/none", "1", 404, "nothing at that path"}, Case{"/io/pulse", "1", 404, "node without a value"}}) {
     auto reply = api.call("PUT", c.target, c.body);
     EXPECT_EQ(reply.status, c.status) << c.target;
     EXPECT_EQ(reply.body, R"({"status":"failed"})") << c.target;
@@ -386,7 +386,8 @@ TEST(WebHttpApi, SetAnswersSuccessOrFailedWithTheReason) {
   }
   EXPECT_EQ(at<AnalogIO>(*api.root, "t").get(), -4.0);
   EXPECT_EQ(at<AnalogIO>(*api.root, "ro").get(), 1.0);
-  EXPECT_TRUE(log.contains("Error: Web client set refused: 'ro/value' is read-only."));
+  EXPECT_TRUE(log.contains("Error: User can't set Field, readonly http anonymous (operator) ro: is a value of a read-only node"));
+  EXPECT_TRUE(log.contains("User http anonymous (operator) set 't/value' from 2.5 to -4"));
 }
 
 TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
@@ -692,15 +693,16 @@ TEST_F(WebServerTest, WebSocketsCarryTheirSessionAndForeignPagesGetNone) {
   olga.send(R"({"event":"subscribe","data":{"t/value":1}})");
   olga.send(R"({"event":"set","data":{"t/value":-3}})");
   ASSERT_TRUE(olga.receive_containing("[[-3,", 5s));
-  EXPECT_TRUE(log.contains("Error: WebSocket client set refused: Log in to change 't/value'"));
+  EXPECT_TRUE(log.contains("websocket anonymous (anonymous) 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("log in to change 't/value'"));
   EXPECT_TRUE(log.contains("set 't/value' from 1 to -3"));
-  EXPECT_TRUE(log.contains("olga (operator) from 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("User websocket olga (operator) 127.0.0.1:"));
 
   access.sessions().close(session);  // logged out elsewhere: the open socket loses its rights too
   olga.send(R"({"event":"set","data":{"t/value":7}})");
   auto refusals = [&] {
     auto texts = log.texts();
-    return std::count_if(texts.begin(), texts.end(), [](auto& t) { return t.find("Log in to change") != t.npos; });
+    return std::count_if(texts.begin(), texts.end(), [](auto& t) { return t.find("log in to change") != t.npos; });
   };
   EXPECT_TRUE(eventually([&] { return refusals() == 2; }));
   EXPECT_EQ(at<AnalogIO>(*root, "t").get(), -3.0);

@@ -19,6 +19,7 @@ class ButtonField : public FieldBase {
 
   void write_json(std::string& out) const override { out.append("false"); }
   bool read_json(std::string_view text) override;
+  bool check_text(std::string_view text, std::string& error) const override;
   std::string_view value_type_name() const override { return "button"; }
 
  private:

@@ -24,4 +24,5 @@ class ChoiceField : public ValueField<std::string> {
   // Refuses, and logs, a text that is not one of the values (so does a
   // user's set, which goes through here).
   bool read_json(std::string_view text) override;
+  bool check_text(std::string_view text, std::string& error) const override;
 };

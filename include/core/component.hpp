@@ -11,6 +11,10 @@
 
 class Component : public Node {
  public:
+  // Rates of periodic work (poll, pulse): above 0 up to 1000 Hz. Zero would
+  // stop the work for good, a higher rate would only spin a core.
+  static constexpr FieldRange kPollRange{0.0, 1000.0, true};
+
   explicit Component(const VTree& config);
   ~Component() override;
 

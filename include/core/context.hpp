@@ -35,6 +35,8 @@ class Context {
   // Runs `job` every `period`, first after one period. Late runs are not
   // caught up: a run that overruns its period skips the missed ones.
   TimerId every(std::chrono::nanoseconds period, Job job);
+  // Runs `job` once, `delay` from now. Cancelled like a periodic job.
+  TimerId after(std::chrono::nanoseconds delay, Job job);
   void cancel(TimerId id);
   void cancel_all();
 
@@ -42,6 +44,8 @@ class Context {
   boost::asio::io_context& io();
 
  private:
+  TimerId schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds period, Job job);
+
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };

@@ -24,6 +24,20 @@
 #include "core/vertex.hpp"
 #include "core/x2x.hpp"
 
+// The values a numeric setting may take: finite, from `min` (excluded when
+// `min_exclusive`) to `max`. Delays, rates and sizes carry one, so that a
+// value that would spin a core or stop a timer is refused wherever it comes
+// from.
+struct FieldRange {
+  double min;
+  double max;
+  bool min_exclusive = false;
+  bool zero_means_off = false;  // 0 is taken as well: the work it paces is off
+  bool contains(double v) const;
+  // "from 0 to 1000", "above 0 up to 1000", "any finite number".
+  std::string describe() const;
+};
+
 // Descriptive attributes a field may carry; allocated only when one is set.
 struct FieldAttributes {
   std::string label;
@@ -35,6 +49,13 @@ struct FieldAttributes {
   bool confirm = false;     // the user interface asks before acting
   // A selection's values, each with its label, in the order shown (ChoiceField).
   std::vector<std::pair<std::string, std::string>> choices;
+  bool ranged = false;
+  FieldRange range{};
+  // The node that drives this value (a permit command's output): users
+  // command that node instead of writing here.
+  const Vertex* driven_by = nullptr;
+  // Called after every accepted write from outside, changed or not.
+  std::vector<std::function<void()>> written;
 };
 
 class FieldBase : public Vertex {
@@ -58,9 +79,9 @@ class FieldBase : public Vertex {
   void write_json(std::string& out) const override = 0;
   bool read_json(std::string_view text) override = 0;
 
-  // A user's set: refused for read-only fields, otherwise converted, checked
-  // and stored. On refusal, `error` (if given) says why.
-  virtual bool set_from_user(std::string_view text, std::string* error = nullptr);
+  // Converts `text` and checks it against the field's range and choices
+  // without storing it. On refusal `error` says why.
+  virtual bool check_text(std::string_view text, std::string& error) const = 0;
 
   // The value type's name for clients: "bool", "double", "string", "button", ...
   virtual std::string_view value_type_name() const = 0;
@@ -69,6 +90,20 @@ class FieldBase : public Vertex {
 
   bool readonly() const;
   void set_readonly(bool readonly);
+  // Operator controls (buttons, a permit's commands) stay writable from
+  // outside when their node is read-only.
+  bool operator_control() const { return operator_control_; }
+  void set_operator_control() { operator_control_ = true; }
+  const FieldRange* range() const { return attributes_ && attributes_->ranged ? &attributes_->range : nullptr; }
+  void set_range(FieldRange range);
+  const Vertex* driven_by() const { return attributes_ ? attributes_->driven_by : nullptr; }
+  void set_driven_by(const Vertex* driver) { attributes_for_update().driven_by = driver; }
+  void on_written(Listener listener) { attributes_for_update().written.push_back(std::move(listener)); }
+  // Runs the on_written listeners; the write path calls it after each write.
+  void notify_written() const {
+    if (attributes_)
+      for (auto& l : attributes_->written) l();
+  }
   const FieldAttributes* attributes() const { return attributes_.get(); }
   FieldAttributes& attributes_for_update();
 
@@ -84,10 +119,14 @@ class FieldBase : public Vertex {
     emit_changed();
   }
   void log_conversion_failure(std::string_view text) const;
+  // The refusal texts of check_text.
+  bool refuse_conversion(std::string_view text, std::string& error) const;
+  bool check_number(double v, std::string& error) const;
 
  private:
   std::atomic<uint64_t> stamp_{0};
   bool readonly_ = false;
+  bool operator_control_ = false;
   mutable std::atomic<uint8_t> permission_slot_{0};
   std::vector<Listener> listeners_;
   std::unique_ptr<FieldAttributes> attributes_;
@@ -176,6 +215,13 @@ class Field : public FieldBase {
       return false;
     }
     set(v);
+    return true;
+  }
+
+  bool check_text(std::string_view text, std::string& error) const override {
+    T v{};
+    if (!x2x::from_json(text, v)) return refuse_conversion(text, error);
+    if constexpr (std::is_arithmetic_v<T> && !std::is_same_v<T, bool>) return check_number(static_cast<double>(v), error);
     return true;
   }
 

@@ -40,7 +40,7 @@ class IOFileSystem : public FileSystemHandler {
   // (writing a read-only field) fails with EACCES.
   int open(uint64_t ino, int flags, uint64_t& handle) override;
   int read(uint64_t handle, size_t size, uint64_t offset, std::string_view& out) override;
-  int write(uint64_t handle, std::string_view data, size_t& written) override;
+  int write(uint64_t handle, std::string_view data, uint64_t offset, size_t& written) override;
   void release(uint64_t handle) override;
   int opendir(uint64_t ino, uint64_t& handle) override;
   int readdir(uint64_t handle, uint64_t offset, DirectoryFiller& filler) override;

@@ -4,6 +4,7 @@
 // fields that describe it, and has a life: init once the whole tree exists,
 // start after every node is initialised, then the staged stop.
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -75,6 +76,14 @@ class Node : public Vertex {
   // it as a configuration error. Also for failures found after construction
   // (a configured path that does not resolve once the tree exists).
   static void report_build_failure(std::string_view path, std::string_view type, std::string_view what);
+
+  // Gives a numeric setting its range, kept for every later write. A value
+  // the configuration gave outside it is logged with the range and counted
+  // as a configuration error, and `fallback` (when given) replaces it.
+  // Returns false when the configured value was refused. `config` is the
+  // element the value came from (its path names it in the log).
+  bool restrict_setting(const VTree& config, ValueField<double>& field, FieldRange range,
+                        std::optional<double> fallback);
 
   // A child node made from the named child subtree of `config` (defaults when
   // the subtree is absent).

@@ -71,6 +71,7 @@ class StoreManager : public CtxComp {
   ValueField<unsigned long long>& writes() const { return writes_; }
 
  private:
+  bool second_ = false;  // another manager came first in the tree: this one does nothing
   struct Member {
     std::string path;
     FieldBase* value;  // the field itself, or an IO's value field

@@ -57,7 +57,7 @@ class FileSystemHandler {
   virtual int open(uint64_t ino, int flags, uint64_t& handle) = 0;
   // `out` must stay valid until the next call for this handle.
   virtual int read(uint64_t handle, size_t size, uint64_t offset, std::string_view& out) = 0;
-  virtual int write(uint64_t handle, std::string_view data, size_t& written) = 0;
+  virtual int write(uint64_t handle, std::string_view data, uint64_t offset, size_t& written) = 0;
   virtual void release(uint64_t handle) = 0;
 
   virtual int opendir(uint64_t ino, uint64_t& handle) = 0;

@@ -6,13 +6,14 @@
 // registered for the event runs with the raw text of "data". Events:
 //   "subscribe"   {"<field path>": mode, ...}: watch these fields. A mode of
 //                 "history" reports every change, anything else the latest.
-//   "set"         {"<field path>": value, ...}: set each field from the value
-//                 text, as the session's caller (FieldAccess: writable,
-//                 permitted, converts); a refusal is logged.
+//   "set"         {"<field path>": value, ...}: each member is one write
+//                 through the write path (a node's path takes an object). A
+//                 refused member is answered with
+//                 {"event":"set_refused","data":{"path":p,"reason":r}}.
 //   "unsubscribe" {"<field path>": any, ...}: stop watching these fields.
 // Each member is handled on its own, so one bad path does not stop the rest.
 // Bad input is logged (at most kLoggedProblems lines per client) and
-// otherwise ignored; the client gets no error reply.
+// otherwise ignored; apart from refused sets the client gets no error reply.
 //
 // A push pass writes {"event": "update","data":{ then, for every subscription
 // whose field changed, "<path>":[[value,stamp],...], and closes with "}}".
@@ -30,10 +31,10 @@
 #include <fmt/format.h>
 #include <nlohmann/json_fwd.hpp>
 
-#include "core/caller.hpp"
 #include "core/field.hpp"
 #include "web/push_trigger.hpp"
 #include "web/subscription.hpp"
+#include "web/web_caller.hpp"
 
 class ClientProtocol {
  public:
@@ -44,10 +45,12 @@ class ClientProtocol {
   // A pass that takes longer is logged as slow.
   static constexpr double kSlowPassSeconds = 0.1;
   static constexpr size_t kLoggedProblems = 100;
+  // Replies waiting beyond this many are dropped (the log has them all).
+  static constexpr size_t kMaxWaitingReplies = 64;
 
   using Handler = std::function<void(std::string_view data)>;
   // Who the client is at this moment (asked on every set).
-  using CallerOf = std::function<Caller()>;
+  using CallerOf = std::function<WebCaller()>;
 
   struct PassResult {
     bool wrote = false;     // at least one member: `out` is to be sent
@@ -59,8 +62,10 @@ class ClientProtocol {
 
   // Parses one client message and runs its event's handler.
   void handle_message(std::string_view text);
-  // One push pass into `out` (cleared first).
+  // One push pass into `out` (cleared first). A waiting reply goes first,
+  // alone, and leaves the pass incomplete so the updates follow.
   PassResult write_push(std::string& out);
+
 
   size_t subscription_count() const { return subscriptions_.size(); }
 
@@ -89,4 +94,5 @@ class ClientProtocol {
   uint64_t next_id_ = 1;
   std::vector<uint64_t> queued_;  // taken from the trigger, not yet visited
   size_t problems_ = 0;
+  std::vector<std::string> replies_;  // waiting to be sent, oldest first
 };

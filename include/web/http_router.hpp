@@ -3,8 +3,10 @@
 //
 //   GET  /io/<path>[.json | /index.json]   the vertex or field as JSON, the same
 //                                          text as the file system's files
-//   PUT  /io/<path>[.json]   (or POST)      sets a field (or an IO's value) from
-//                                          the body's value text; answers
+//   PUT  /io/<path>[.json]   (or POST)      one write through the write path: a
+//                                          field (or an IO's value) from the
+//                                          body's value text, a node from an
+//                                          object of its members; answers
 //                                          {"status":"success"} or
 //                                          {"status":"failed"} with the reason in
 //                                          the header X-Zel-Error
@@ -25,7 +27,6 @@
 class Root;
 class DocumentRoot;
 class WebAccess;
-struct Caller;
 
 struct HttpRequestView {
   std::string_view method;  // "GET", "PUT", ...
@@ -63,7 +64,7 @@ class HttpRouter {
 
  private:
   HttpReply read_tree(std::string_view target) const;
-  HttpReply set_field(std::string_view target, std::string_view body, const Caller& caller) const;
+  HttpReply set_field(const HttpRequestView& request) const;
   HttpReply describe_tree(std::string_view target) const;
   HttpReply interlocks() const;
   HttpReply log_records(std::string_view target) const;

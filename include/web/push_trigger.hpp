@@ -27,6 +27,11 @@ class PushTrigger {
     changed_.push_back(id);
     if (changed_.size() == 1 && wake_) wake_();
   }
+  // Any thread: something other than a subscription wants a pass (a reply).
+  void wake() {
+    std::lock_guard lock(mutex_);
+    if (wake_) wake_();
+  }
   // The session: the subscriptions that changed since the last take, in the
   // order the changes came.
   void take(std::vector<uint64_t>& out) {

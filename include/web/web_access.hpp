@@ -28,12 +28,12 @@
 #include <string_view>
 #include <vector>
 
-#include "core/caller.hpp"
 #include "web/http_router.hpp"
 #include "web/login_limiter.hpp"
 #include "web/origin_policy.hpp"
 #include "web/sessions.hpp"
 #include "web/users.hpp"
+#include "web/web_caller.hpp"
 
 struct WebAccessSettings {
   bool anonymous_write = false;
@@ -55,8 +55,8 @@ class WebAccess {
 
   // Who sends a request with these headers, looked up anew on each call (a
   // WebSocket does so on every set, so a logout or an expiry takes effect).
-  Caller caller_of(std::string_view cookie, std::string_view authorization, std::string_view from);
-  Caller caller_of(const HttpRequestView& request) {
+  WebCaller caller_of(std::string_view cookie, std::string_view authorization, std::string_view client);
+  WebCaller caller_of(const HttpRequestView& request) {
     return caller_of(request.cookie, request.authorization, request.client);
   }
   // A 403 reply (logged) for a state-changing request from a foreign page or
@@ -77,8 +77,8 @@ class WebAccess {
   HttpReply login(const HttpRequestView& request);
   HttpReply logout(const HttpRequestView& request);
   HttpReply session(const HttpRequestView& request);
-  HttpReply manage_users(const HttpRequestView& request, std::string_view name, const Caller& admin);
-  HttpReply manage_tokens(const HttpRequestView& request, std::string_view name, const Caller& admin);
+  HttpReply manage_users(const HttpRequestView& request, std::string_view name, const WebCaller& admin);
+  HttpReply manage_tokens(const HttpRequestView& request, std::string_view name, const WebCaller& admin);
   std::string cookie(std::string_view id, bool clear) const;
 
   WebAccessSettings settings_;

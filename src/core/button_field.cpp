@@ -5,6 +5,7 @@
 
 ButtonField::ButtonField(std::string name, std::string label, Action action)
     : FieldBase(std::move(name)), action_(std::move(action)) {
+  set_operator_control();
   if (!label.empty()) attributes_for_update().label = std::move(label);
 }
 
@@ -26,4 +27,9 @@ bool ButtonField::read_json(std::string_view text) {
   }
   if (pressed) press();
   return true;
+}
+
+bool ButtonField::check_text(std::string_view text, std::string& error) const {
+  bool pressed = false;
+  return x2x::from_json(text, pressed) || refuse_conversion(text, error);
 }

@@ -34,3 +34,11 @@ bool ChoiceField::read_json(std::string_view text) {
   set(value);
   return true;
 }
+
+bool ChoiceField::check_text(std::string_view text, std::string& error) const {
+  std::string value;
+  if (!x2x::from_json(text, value)) return refuse_conversion(text, error);
+  if (accepts(value)) return true;
+  error = fmt::format("{} is not one of its choices", x2x::to_json(value));
+  return false;
+}

@@ -30,6 +30,7 @@ void Component::enable_poll(const VTree& config, double rate_hz) {
   auto& poll_node = add_node<Node>(config, "poll");
   auto& rate = poll_node.add_setting<ValueField<double>>(poll_config, "rate");
   if (!rate.assigned()) rate.set(rate_hz);
+  poll_node.restrict_setting(poll_config, rate, kPollRange, rate_hz);
   rate.attributes_for_update().units = "Hz";
   poll_->rate = &rate;
   rate.listen([this] { schedule_poll(); });

@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <atomic>
 #include <map>
 #include <mutex>
@@ -31,14 +32,24 @@ struct Context::Impl {
     Periodic(boost::asio::io_context& io, std::chrono::nanoseconds period, Job job)
         : timer(io), period(period), job(std::move(job)) {}
     boost::asio::steady_timer timer;
-    std::chrono::nanoseconds period;
+    std::chrono::nanoseconds period;  // zero: runs once
     Job job;
     std::atomic<bool> cancelled{false};
   };
 
+  void forget(TimerId id) {
+    std::lock_guard lock(mutex);
+    timers.erase(id);
+  }
+
   void arm(TimerId id, std::shared_ptr<Periodic> p) {
     p->timer.async_wait([this, id, p](const boost::system::error_code& ec) {
       if (ec || p->cancelled) return;
+      if (p->period.count() == 0) {
+        forget(id);
+        run_job(p->job);
+        return;
+      }
       run_job(p->job);
       if (p->cancelled) return;
       auto next = p->timer.expiry() + p->period;
@@ -108,8 +119,17 @@ void Context::post(Job job) {
 }
 
 Context::TimerId Context::every(std::chrono::nanoseconds period, Job job) {
+  // A period of zero would be a one-shot timer: the shortest period is 1 ns.
+  return schedule(period, std::max(period, std::chrono::nanoseconds(1)), std::move(job));
+}
+
+Context::TimerId Context::after(std::chrono::nanoseconds delay, Job job) {
+  return schedule(delay, std::chrono::nanoseconds(0), std::move(job));
+}
+
+Context::TimerId Context::schedule(std::chrono::nanoseconds first, std::chrono::nanoseconds period, Job job) {
   auto p = std::make_shared<Impl::Periodic>(impl_->io, period, std::move(job));
-  p->timer.expires_after(period);
+  p->timer.expires_after(first);
   TimerId id;
   {
     std::lock_guard lock(impl_->mutex);

@@ -81,12 +81,10 @@ void IOFileSystem::describe(FileAttribute& attribute, const OpenFile* open, File
     if (open) {
       out.size = open->snapshot.size();
     } else {
-      if (attribute.opens == 0) {
-        scratch_.clear();
-        attribute.handler->serialize(attribute.vertex, scratch_);
-        attribute.size = scratch_.size();
-      }
-      out.size = attribute.size;
+      // By path: the present value's size, whatever other opens hold.
+      scratch_.clear();
+      attribute.handler->serialize(attribute.vertex, scratch_);
+      out.size = scratch_.size();
     }
   }
   out.atime_ns = attribute.atime_ns;
@@ -143,11 +141,10 @@ int IOFileSystem::read(uint64_t handle, size_t size, uint64_t offset, std::strin
   return 0;
 }
 
-int IOFileSystem::write(uint64_t handle, std::string_view data, size_t& written) {
+int IOFileSystem::write(uint64_t handle, std::string_view data, uint64_t offset, size_t& written) {
   OpenFile* file = open_file(handle);
   if (!file) return EBADF;
-  written = file->attribute->handler->write(*file, data);
-  return 0;
+  return file->attribute->handler->write(*file, data, offset, written);
 }
 
 int IOFileSystem::readdir(uint64_t handle, uint64_t offset, DirectoryFiller& filler) {

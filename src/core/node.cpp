@@ -132,6 +132,17 @@ void Node::describe(std::string label, std::string detail, std::string icon) {
   set_default(IconField::key, std::move(icon));
 }
 
+bool Node::restrict_setting(const VTree& config, ValueField<double>& field, FieldRange range,
+                            std::optional<double> fallback) {
+  field.set_range(range);
+  if (!field.assigned() || range.contains(field.get())) return true;
+  ZEL_ERROR("Setting '{}' of '{}' refused: {} is out of range: takes {}", field.name(), config.path(), field.json(),
+            range.describe());
+  Root::count_configuration_error();
+  if (fallback) field.set(*fallback);
+  return false;
+}
+
 FieldBase* Node::field(std::string_view name) const {
   auto* c = child(name);
   if (c && c->is_field()) return static_cast<FieldBase*>(c);

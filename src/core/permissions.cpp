@@ -4,10 +4,26 @@
 #include "core/io/io.hpp"
 #include "core/node.hpp"
 
+#include <fmt/format.h>
+
 namespace {
 // The slot holds the role plus one, so that zero means "not worked out".
 constexpr uint8_t kResolved = 1;
+
+// Installed before main() runs; the hook's slot is constant-initialised.
+const bool kHooked = (WritePath::set_permission_check(&Permissions::check), true);
 }  // namespace
+
+bool Permissions::check(const Caller& caller, const FieldBase& field, std::string& reason) {
+  if (caller.source != WriteSource::Http && caller.source != WriteSource::WebSocket) return true;
+  auto needed = needed_for(field);
+  if (at_least(caller.role, needed)) return true;
+  reason = caller.role == Role::Anonymous
+               ? fmt::format("log in to change '{}' (it needs the role {})", field.path(), to_string(needed))
+               : fmt::format("'{}' needs the role {}, more than {}", field.path(), to_string(needed),
+                             to_string(caller.role));
+  return false;
+}
 
 Role Permissions::needed_for(const FieldBase& field) {
   auto& slot = field.permission_slot();

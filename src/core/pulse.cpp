@@ -11,6 +11,7 @@ Pulse::Pulse(const VTree& config)
       rate_(add_setting<ValueField<double>>(config, "rate")),
       count_(add<ValueField<unsigned long long>>("count")) {
   if (!rate_.assigned()) rate_.set(1.0);
+  restrict_setting(config, rate_, Component::kPollRange, 1.0);
   rate_.attributes_for_update().units = "Hz";
   count_.set_readonly(true);
   set_default("label", std::string("Pulse"));

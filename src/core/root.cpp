@@ -7,6 +7,7 @@
 #include "core/io/io.hpp"
 #include "core/io_server.hpp"
 #include "core/log.hpp"
+#include "core/write_path.hpp"
 #include "core/log_io.hpp"
 #include "core/peers.hpp"
 #include "core/pulse.hpp"
@@ -66,32 +67,7 @@ void Root::stop_all() {
 }
 
 void Root::set_field_as_user(std::string_view user, std::string_view path, std::string_view value) {
-  Vertex* target = find(path);
-  if (!target) {
-    ZEL_ERROR("User no valid Field found {} {}", user, path);
-    return;
-  }
-  FieldBase* field = nullptr;
-  bool readonly = false;
-  if (target->is_field()) {
-    field = static_cast<FieldBase*>(target);
-    readonly = field->readonly();
-  } else if (auto* io = dynamic_cast<IOBase*>(target)) {
-    field = io->value_field();
-    if (!field) {
-      ZEL_ERROR("User no valid Field found {} {}", user, path);
-      return;
-    }
-    readonly = io->readonly();
-  } else {
-    ZEL_ERROR("User no valid Field found {} {}", user, path);
-    return;
-  }
-  if (readonly) {
-    ZEL_ERROR("User can't set Field, readonly {} {}", user, path);
-    return;
-  }
-  field->set_from_user(value);
+  WritePath::write(*this, {{WriteSource::Local, user}, path, value});
 }
 
 void Root::count_configuration_error() { ++configuration_error_count; }

@@ -8,6 +8,7 @@
 #include "core/clock.hpp"
 #include "core/io/io.hpp"
 #include "core/log.hpp"
+#include "core/write_path.hpp"
 #include "core/root.hpp"
 #include "core/store_text.hpp"
 #include "std/atomic_file.hpp"
@@ -24,9 +25,13 @@ const std::vector<std::string> hourmeter_store_names{"hourmeter"};
 constexpr double kDefaultSaveDelay = 1.0;         // seconds from a change to its write
 constexpr double kDefaultHourmeterPeriod = 60.0;  // seconds of hour-meter counting a power cut may lose
 
-ValueField<double>& seconds_setting(Node& node, const VTree& config, const char* key, double fallback) {
+// Delays shorter than the lower bound would spin a core writing files; longer
+// than a day is a setting nobody means.
+ValueField<double>& seconds_setting(Node& node, const VTree& config, const char* key, double fallback,
+                                    FieldRange range) {
   auto& field = node.add_setting<ValueField<double>>(config, key);
   if (!field.assigned()) field.set(fallback);
+  node.restrict_setting(config, field, range, fallback);
   field.attributes_for_update().units = "s";
   return field;
 }
@@ -54,8 +59,8 @@ const std::vector<std::string>& StoreManager::hourmeter_stores() { return hourme
 
 StoreManager::StoreManager(const VTree& config)
     : CtxComp(config),
-      save_delay_(seconds_setting(*this, config, "save_delay", kDefaultSaveDelay)),
-      hourmeter_period_(seconds_setting(*this, config, "hourmeter_period", kDefaultHourmeterPeriod)),
+      save_delay_(seconds_setting(*this, config, "save_delay", kDefaultSaveDelay, {0.01, 86400.0, false, true})),
+      hourmeter_period_(seconds_setting(*this, config, "hourmeter_period", kDefaultHourmeterPeriod, {0.01, 86400.0, false, true})),
       writes_(add<ValueField<unsigned long long>>("writes", 0ull)) {
   describe("Stores", "Keeps settings in store files so that they survive a restart.", "save");
   writes_.set_readonly(true);
@@ -79,6 +84,16 @@ const StoreManager::Store* StoreManager::find_store(const std::string& name) con
 void StoreManager::init() {
   Vertex* top = this;
   while (top->parent()) top = top->parent();
+  // One manager keeps the stores; a second would write every store twice.
+  StoreManager* first = nullptr;
+  top->visit([&](Vertex& v) {
+    if (!first) first = dynamic_cast<StoreManager*>(&v);
+  });
+  if (first != this) {
+    second_ = true;
+    ZEL_ERROR("A second store manager at '{}' is refused: '{}' keeps the stores", path(), first->path());
+    return;
+  }
   top->visit([this](Vertex& v) {
     if (v.is_field()) {
       auto& field = static_cast<FieldBase&>(v);
@@ -108,7 +123,9 @@ std::vector<std::string> StoreManager::member_paths(const std::string& name) con
   return paths;
 }
 
-void StoreManager::restore() { load_all(); }
+void StoreManager::restore() {
+  if (!second_) load_all();
+}
 
 void StoreManager::load_all() {
   if (!root()) {
@@ -152,13 +169,16 @@ bool StoreManager::apply_file(Root& root, Store& store) {
   }
   bool rewrite = false;
   size_t next = 0;  // files come in member order: the next member is the likely one
+  // A store restores through the same checks as every other write: a value
+  // that is refused (read-only, a button, out of range, not converting) is
+  // logged and leaves its default, and the file is rewritten without it.
+  Caller caller{WriteSource::Store, store.name};
   auto apply = [&](std::string_view path, std::string_view value) {
     FieldBase* target;
     if (next < store.members.size() && store.members[next].path == path) target = store.members[next++].value;
     else target = field_at(root, path);
     if (!target) return;
-    // A value that does not convert is logged by the field and leaves its default.
-    if (!target->read_json(value)) rewrite = true;
+    if (!WritePath::write_at(*target, caller, value).ok()) rewrite = true;
   };
   if (!StoreText::parse(text, apply, error)) {
     ZEL_ERROR("Malformed store file '{}': {}", file, error);
@@ -229,11 +249,13 @@ void StoreManager::write_listed_stores() {
 }
 
 void StoreManager::flush() {
+  if (second_) return;
   for (auto& store : stores_)
     if (store.changed->load(std::memory_order_acquire)) save(store);
 }
 
 void StoreManager::service() {
+  if (second_) return;
   for (auto& store : stores_) save(store);
 }
 
@@ -244,6 +266,7 @@ void StoreManager::every_seconds(double seconds, Job job) {
 
 void StoreManager::start() {
   CtxComp::start();
+  if (second_) return;
   every_seconds(save_delay_.get(), [this] { save_changed(true); });
   every_seconds(hourmeter_period_.get(), [this] { write_listed_stores(); });
 }

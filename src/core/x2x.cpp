@@ -1,5 +1,6 @@
 #include "core/x2x.hpp"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 
@@ -20,8 +21,19 @@ void write_float(F value, std::string& out) {
     return;
   }
   char buffer[32];
-  auto result = std::to_chars(buffer, buffer + sizeof buffer, value);
-  out.append(buffer, result.ptr);
+  char* end = std::to_chars(buffer, buffer + sizeof buffer, value).ptr;
+  // The shortest exponent: "1e-4" and "1e20", not "1e-04" and "1e+20".
+  char* e = std::find(buffer, end, 'e');
+  if (e == end) {
+    out.append(buffer, end);
+    return;
+  }
+  out.append(buffer, e + 1);
+  const char* digits = e + 1;
+  if (*digits == '+') ++digits;
+  else if (*digits == '-') out.push_back(*digits++);
+  while (digits + 1 < end && *digits == '0') ++digits;
+  out.append(digits, static_cast<size_t>(end - digits));
 }
 
 template <class F>

@@ -216,9 +216,9 @@ void on_read(fuse_req_t req, fuse_ino_t, size_t size, off_t offset, fuse_file_in
   else fuse_reply_buf(req, data.data(), data.size());
 }
 
-void on_write(fuse_req_t req, fuse_ino_t, const char* data, size_t size, off_t, fuse_file_info* fi) {
+void on_write(fuse_req_t req, fuse_ino_t, const char* data, size_t size, off_t offset, fuse_file_info* fi) {
   size_t written = 0;
-  if (int error = handler_of(req).write(fi->fh, std::string_view(data, size), written)) fuse_reply_err(req, error);
+  if (int error = handler_of(req).write(fi->fh, std::string_view(data, size), static_cast<uint64_t>(offset), written)) fuse_reply_err(req, error);
   else fuse_reply_write(req, written);
 }
 
@@ -359,8 +359,14 @@ void FuseMount::on_readable() {
       arm();
       return;
     }
-    if (result <= 0 || fuse_session_exited(s.se)) {
-      // Unmounted from outside, or the device failed.
+    if (result < 0) {
+      // The device failed: the loop ends here.
+      s.serving = false;
+      ZEL_ERROR("Block error: {}", std::strerror(-result));
+      return;
+    }
+    if (result == 0 || fuse_session_exited(s.se)) {
+      // Unmounted from outside.
       s.serving = false;
       ZEL_INFO("File system at {} no longer mounted", dir_);
       return;

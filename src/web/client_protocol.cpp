@@ -6,8 +6,8 @@
 
 #include "core/clock.hpp"
 #include "core/log.hpp"
+#include "core/write_path.hpp"
 #include "core/x2x.hpp"
-#include "web/field_access.hpp"
 
 namespace {
 
@@ -113,12 +113,22 @@ void ClientProtocol::subscribe(std::string_view data) {
 }
 
 void ClientProtocol::set(std::string_view data) {
-  auto caller = caller_();
-  for_each_field(data, "set", "set", [&](FieldBase& field, const nlohmann::json& value) {
-    std::string error;
-    if (FieldAccess::set(field, value.dump(), caller, error) != FieldAccess::Outcome::Done)
-      problem("WebSocket client set refused: {} ({} from {})", error, caller.who, caller.from);
-  });
+  auto members = nlohmann::json::parse(data.begin(), data.end(), nullptr, false);
+  if (!members.is_object()) {
+    problem("WebSocket '{}' data is not an object: {}", "set", shown(data));
+    return;
+  }
+  // Asked anew for every message: a logout or a revoked token counts at once.
+  auto web = caller_();
+  auto caller = web.for_write(WriteSource::WebSocket);
+  for (auto& [path, value] : members.items()) {
+    auto answer = WritePath::write(tree_, {caller, path, value.dump()});
+    if (answer.ok()) continue;
+    if (replies_.size() >= kMaxWaitingReplies) continue;
+    nlohmann::json reply{{"event", "set_refused"}, {"data", {{"path", path}, {"reason", answer.reason}}}};
+    replies_.push_back(reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+    trigger_->wake();
+  }
 }
 
 void ClientProtocol::unsubscribe(std::string_view data) {
@@ -136,6 +146,13 @@ void ClientProtocol::unsubscribe(std::string_view data) {
 ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
   PassResult result;
   out.clear();
+  if (!replies_.empty()) {
+    out = std::move(replies_.front());
+    replies_.erase(replies_.begin());
+    result.wrote = true;
+    result.complete = false;
+    return result;
+  }
   out.append(kUpdateOpening);
   trigger_->take(queued_);
   std::sort(queued_.begin(), queued_.end());

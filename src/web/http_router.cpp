@@ -8,6 +8,7 @@
 #include "core/log_io.hpp"
 #include "core/root.hpp"
 #include "web/document_root.hpp"
+#include "core/write_path.hpp"
 #include "web/field_access.hpp"
 #include "web/tree_description.hpp"
 #include "web/web_access.hpp"
@@ -83,7 +84,7 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
     if (read) return read_tree(target);
     if (write) {
       if (auto refused = access_.refuse_foreign(request)) return std::move(*refused);
-      return set_field(target, request.body, access_.caller_of(request));
+      return set_field(request);
     }
     allow = "GET, HEAD, PUT, POST";
   } else if (read) {
@@ -106,32 +107,24 @@ HttpReply HttpRouter::read_tree(std::string_view target) const {
   return json_reply(vertex->json());
 }
 
-HttpReply HttpRouter::set_field(std::string_view target, std::string_view body, const Caller& caller) const {
+HttpReply HttpRouter::set_field(const HttpRequestView& request) const {
   HttpReply reply = json_reply(std::string(kFailed));
-  auto path = tree_path(target, "/io");
+  auto path = tree_path(request.target, "/io");
   if (!path) {
     reply.status = 400;
     reply.error = "The target names no field.";
     return reply;
   }
-  switch (FieldAccess::set(root_, *path, body, caller, reply.error)) {
-    case FieldAccess::Outcome::Done:
-      reply.body = kSuccess;
-      break;
-    case FieldAccess::Outcome::NotFound:
-      reply.status = 404;
-      break;
-    case FieldAccess::Outcome::ReadOnly:
-      reply.status = 403;
-      break;
-    case FieldAccess::Outcome::Forbidden:
-      reply.status = caller.role == Role::Anonymous ? 401 : 403;
-      break;
-    case FieldAccess::Outcome::Refused:
-      reply.status = 400;
-      break;
+  auto caller = access_.caller_of(request);
+  auto answer = WritePath::write(root_, {caller.for_write(WriteSource::Http), *path, request.body});
+  if (answer.ok()) {
+    reply.body = kSuccess;
+    return reply;
   }
-  if (reply.status != 200) ZEL_ERROR("Web client set refused: {} ({} from {})", reply.error, caller.who, caller.from);
+  // Refused for want of a login: 401 tells a script to log in first.
+  bool login_wanted = answer.status == WriteStatus::Denied && caller.role == Role::Anonymous;
+  reply.status = login_wanted ? 401 : answer.http_status();
+  reply.error = std::move(answer.reason);
   return reply;
 }
 

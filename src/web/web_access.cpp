@@ -89,12 +89,13 @@ std::string_view WebAccess::bearer_token(std::string_view authorization) {
   return authorization.starts_with(kBearer) ? authorization.substr(kBearer.size()) : std::string_view{};
 }
 
-Caller WebAccess::caller_of(std::string_view cookie, std::string_view authorization, std::string_view from) {
+WebCaller WebAccess::caller_of(std::string_view cookie, std::string_view authorization, std::string_view client) {
   if (auto id = session_id(cookie); !id.empty())
-    if (auto session = sessions_.use(id)) return {session->role, session->user, std::string(from)};
+    if (auto session = sessions_.use(id)) return WebCaller::of(session->role, session->user, std::string(client));
   if (auto token = bearer_token(authorization); !token.empty())
-    if (auto identity = users_.check_token(token)) return {identity->role, "token " + identity->name, std::string(from)};
-  return {settings_.anonymous_write ? Role::Operator : Role::Anonymous, "anonymous", std::string(from)};
+    if (auto identity = users_.check_token(token))
+      return WebCaller::of(identity->role, "token " + identity->name, std::string(client));
+  return WebCaller::of(settings_.anonymous_write ? Role::Operator : Role::Anonymous, "anonymous", std::string(client));
 }
 
 std::optional<HttpReply> WebAccess::refuse_foreign(const HttpRequestView& request) const {
@@ -122,7 +123,7 @@ std::optional<HttpReply> WebAccess::answer(const HttpRequestView& request) {
 
   auto caller = caller_of(request);
   if (caller.role != Role::Admin) {
-    ZEL_ERROR("{} from {} asked for '{}' without being an admin", caller.who, caller.from, target.substr(0, 200));
+    ZEL_ERROR("{} from {} asked for '{}' without being an admin", caller.name, caller.client, target.substr(0, 200));
     return failed(caller.role == Role::Anonymous ? 401 : 403, "Only an admin manages users and tokens.");
   }
   return users ? manage_users(request, *users, caller) : manage_tokens(request, *tokens, caller);
@@ -166,14 +167,14 @@ HttpReply WebAccess::logout(const HttpRequestView& request) {
 
 HttpReply WebAccess::session(const HttpRequestView& request) {
   auto caller = caller_of(request);
-  bool anonymous = caller.who == "anonymous";
-  nlohmann::json out{{"user", anonymous ? nlohmann::json() : nlohmann::json(caller.who)},
+  bool anonymous = caller.name == "anonymous";
+  nlohmann::json out{{"user", anonymous ? nlohmann::json() : nlohmann::json(caller.name)},
                      {"role", to_string(anonymous ? Role::Anonymous : caller.role)},
                      {"anonymous_write", settings_.anonymous_write}};
   return json_reply(200, out.dump());
 }
 
-HttpReply WebAccess::manage_users(const HttpRequestView& request, std::string_view name, const Caller& admin) {
+HttpReply WebAccess::manage_users(const HttpRequestView& request, std::string_view name, const WebCaller& admin) {
   std::string error;
   if (name.empty() && (request.method == "GET" || request.method == "HEAD"))
     return json_reply(200, names_and_roles(users_.users()));
@@ -184,19 +185,19 @@ HttpReply WebAccess::manage_users(const HttpRequestView& request, std::string_vi
     if (!role || !users_.set_user(user, text_member(body, "password"), *role, error))
       return failed(400, error.empty() ? "A user needs a name, a password and a role." : error);
     sessions_.close_user(user);  // a changed role takes effect at the next login
-    ZEL_INFO("Admin '{}' from {} set user '{}' ({})", admin.who, admin.from, user, to_string(*role));
+    ZEL_INFO("Admin '{}' from {} set user '{}' ({})", admin.name, admin.client, user, to_string(*role));
     return json_reply(200, std::string(HttpRouter::kSuccess));
   }
   if (!name.empty() && request.method == "DELETE") {
     if (!users_.remove_user(name, error)) return failed(400, error);
     sessions_.close_user(name);
-    ZEL_INFO("Admin '{}' from {} removed user '{}'", admin.who, admin.from, name);
+    ZEL_INFO("Admin '{}' from {} removed user '{}'", admin.name, admin.client, name);
     return json_reply(200, std::string(HttpRouter::kSuccess));
   }
   return not_allowed(name.empty() ? "GET, HEAD, POST" : "DELETE");
 }
 
-HttpReply WebAccess::manage_tokens(const HttpRequestView& request, std::string_view name, const Caller& admin) {
+HttpReply WebAccess::manage_tokens(const HttpRequestView& request, std::string_view name, const WebCaller& admin) {
   std::string error;
   if (name.empty() && (request.method == "GET" || request.method == "HEAD"))
     return json_reply(200, names_and_roles(users_.tokens()));
@@ -206,12 +207,12 @@ HttpReply WebAccess::manage_tokens(const HttpRequestView& request, std::string_v
     auto role = role_named(text_member(body, "role"));
     auto token = role ? users_.issue_token(token_name, *role, error) : std::nullopt;
     if (!token) return failed(400, error.empty() ? "A token needs a name and a role." : error);
-    ZEL_INFO("Admin '{}' from {} issued token '{}' ({})", admin.who, admin.from, token_name, to_string(*role));
+    ZEL_INFO("Admin '{}' from {} issued token '{}' ({})", admin.name, admin.client, token_name, to_string(*role));
     return json_reply(200, nlohmann::json{{"name", token_name}, {"role", to_string(*role)}, {"token", *token}}.dump());
   }
   if (!name.empty() && request.method == "DELETE") {
     if (!users_.revoke_token(name, error)) return failed(404, error);
-    ZEL_INFO("Admin '{}' from {} revoked token '{}'", admin.who, admin.from, name);
+    ZEL_INFO("Admin '{}' from {} revoked token '{}'", admin.name, admin.client, name);
     return json_reply(200, std::string(HttpRouter::kSuccess));
   }
   return not_allowed(name.empty() ? "GET, HEAD, POST" : "DELETE");

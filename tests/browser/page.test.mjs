@@ -194,10 +194,10 @@ test("a refused set tells the operator why and changes nothing", async () => {
   const row = rowOf("channels/temperature/value");
   await row.locator("input").fill("warm");
   await row.locator("button.set").click();
-  await shows(row.locator(".row-error"), "cannot take 'warm'");
+  await shows(row.locator(".row-error"), "'warm' is not a double");
   await shows(page.locator(".toast"), "Not set");
   assert.deepEqual(await read("channels/temperature/value"), before);
-  await shows(page.locator(".log-record.error"), "Web client set refused");
+  await shows(page.locator(".log-record.error"), "User can't set Field http");
 });
 
 test("a button asks for confirmation and only then acts", async () => {

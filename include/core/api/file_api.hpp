@@ -4,6 +4,7 @@
 // extension in the handler registry ("" directories, ".json" JSON texts).
 // Handlers keep no per-open state: an open's state is its OpenFile, a name's
 // its FileAttribute.
+#include <cerrno>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -37,7 +38,7 @@ struct FileAttribute {
 struct OpenFile {
   FileAttribute* attribute = nullptr;
   std::string snapshot;
-  std::string input;
+  uint64_t refused_end = 0;  // where the last write refused as too long ended
 };
 
 class FileAPI {
@@ -63,13 +64,16 @@ class FileAPI {
   virtual std::string_view read(OpenFile& file, size_t size, uint64_t offset) const;
   // Lists a directory from entry `offset` on; base: not a directory, nothing.
   virtual void list(OpenFile& dir, uint64_t offset, DirectoryFiller& filler) const {}
-  // Applies written text; base: ignores it.
-  virtual void deserialize(Vertex*, std::string_view text) const {}
-
-  // Each write is the whole new content: `data` followed by a NUL goes to
-  // deserialize, whatever the offset, and every byte counts as written
-  // whatever the vertex did with it. An empty write changes nothing.
-  size_t write(OpenFile& file, std::string_view data) const;
+  // Applies written text; returns 0 or the errno that refuses it. Base:
+  // nothing is writable.
+  virtual int deserialize(Vertex*, std::string_view) const { return EACCES; }
+  // Each write is the whole new content: `data` goes to deserialize whatever
+  // the offset, and all of it counts as written when it was taken; a refused
+  // write fails with deserialize's errno. An empty write changes nothing.
+  // A text of WritePath::kMaxTextBytes or more is refused with EFBIG and
+  // logged, and so is each write that goes on where such a refused write
+  // ended (the rest of a value too long for one write).
+  int write(OpenFile& file, std::string_view data, uint64_t offset, size_t& written) const;
 };
 
 // File-name extension to handler: exactly "" (DirAPI) and ".json" (JSONAPI).

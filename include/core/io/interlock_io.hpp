@@ -16,14 +16,23 @@
 //      changes nothing. A latched warning is not raised to an error: intended;
 //   5. the state takes the result (listeners hear of changes only).
 // An error condition that outlasts its duration with no further event still
-// trips: the root's InterlockManager re-evaluates pending interlocks on their
-// own contexts at its poll rate.
+// trips: a pending error arms a one-shot timer on the interlock's context for
+// the moment its duration ends, whatever any poll rate says; the root's
+// InterlockManager's poll re-evaluates pending interlocks as well.
+//
+// Fail safe: a sensor that reads NaN or infinity has failed. The conditions
+// of the subclasses treat a non-finite input, limit or reference as an error,
+// the limits refuse non-finite values from every write path, and
+// error_time_duration takes only finite values from 0 up. A configuration
+// that gives one anyway is a configuration error: logged, counted, and the
+// interlock holds an error condition.
 //
 // Evaluation runs on the thread that delivered the event. An interlock and the
 // IOs it watches are meant to live in one context; no lock guards the state.
 #include <atomic>
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <vector>
 
 #include "core/io/io.hpp"
@@ -33,6 +42,9 @@
 class InterlockIO : public StateIO<int> {
  public:
   enum Code : int { Ok = 0, Error = 1, Warning = 2 };
+  // Limits and references: negative values are ordinary, non-finite ones not.
+  static constexpr FieldRange kAnyFinite{-std::numeric_limits<double>::infinity(),
+                                         std::numeric_limits<double>::infinity()};
 
   // `inputs` are IOs whose changes cause evaluation.
   explicit InterlockIO(const VTree& config, std::vector<IOBase*> inputs = {});
@@ -87,6 +99,12 @@ class InterlockIO : public StateIO<int> {
   // The reaction to an input event: the condition from the function, then
   // the evaluation.
   void refresh();
+  // Gives each limit its range (`range` for all of them) and refuses a
+  // configured value outside it: logged, counted as a configuration error, and
+  // the interlock holds an error condition from then on.
+  void guard_limits(const VTree& config, std::initializer_list<ValueField<double>*> limits, FieldRange range);
+  // Holds an error condition for good (a broken configuration).
+  void hold_error();
   // For configured variants, in init(): resolves each link not yet bound and
   // watches it. A path that does not resolve is reported as a build failure
   // of this node, and the interlock holds an error condition from then on, so
@@ -95,6 +113,8 @@ class InterlockIO : public StateIO<int> {
 
  private:
   void follow_state();
+  // A pending error: makes sure a timer re-evaluates when its duration ends.
+  void arm_trip_timer();
 
   DigitalIO& enabled_;
   DigitalIO& latching_;
@@ -109,4 +129,7 @@ class InterlockIO : public StateIO<int> {
   TimerIO condition_timer_{VTree("condition_timer")};  // internal, not a child
   std::function<int()> condition_function_;
   std::atomic<bool> pending_{false};
+  bool held_error_ = false;  // a broken configuration: the condition stays 1
+  // Steady-clock deadline of the armed trip timer; 0 when none is armed.
+  std::atomic<int64_t> armed_until_ns_{0};
 };

@@ -7,16 +7,15 @@
 // wherever it was configured or built; a manager placed elsewhere gathers
 // those of its own subtree.
 //
-// The root's manager also makes errors that outlast their interlock's
-// error_time_duration trip without a further event: at each poll (default
-// 10 Hz, "poll/rate") it re-evaluates the pending interlocks on their own
-// contexts, so such a trip is late by at most one poll period (100 ms at the
-// default rate).
+// The root's manager also re-evaluates pending interlocks on their own
+// contexts at each poll (default 10 Hz, "poll/rate", above 0 up to 1000 Hz),
+// a second guard beside each interlock's own trip timer.
 //
 // The summary follows the interlocks' states: any in error gives "error"
 // ("red"), else any in warning "warning" ("orange"), else "ok" ("green"); the
 // message reads "All interlocks OK." or counts what is not OK and names the
-// first. A state change marks the summary stale; the next poll refreshes it.
+// first. Every state change brings an update, run on the manager's context
+// (changes that come while one waits share it).
 #include <atomic>
 #include <memory>
 #include <string>
@@ -62,6 +61,9 @@ class InterlockManager : public Component {
   bool generate_report_csv();
 
  private:
+  // A state changed: the summary follows, on the manager's context.
+  void follow_states();
+
   StateIO<std::string>& summary_;
   StringIO& message_;
   DigitalIO& enable_all_;

@@ -5,6 +5,8 @@
 #include <algorithm>
 
 #include "core/clock.hpp"
+#include "core/log.hpp"
+#include "core/write_path.hpp"
 
 FileAttribute FileAPI::attribute(Vertex* vertex, std::string path) {
   uint32_t mode = (readable(vertex) ? 0444 : 0) | (writable(vertex) ? 0222 : 0);
@@ -34,12 +36,20 @@ std::string_view FileAPI::read(OpenFile& file, size_t size, uint64_t offset) con
   return std::string_view(file.snapshot).substr(offset, count);
 }
 
-size_t FileAPI::write(OpenFile& file, std::string_view data) const {
+int FileAPI::write(OpenFile& file, std::string_view data, uint64_t offset, size_t& written) const {
+  written = 0;
   if (data.empty()) return 0;
-  file.input.assign(data);
-  file.input.push_back('\0');
-  deserialize(file.attribute->vertex, file.input);
+  // The pieces after a refused first piece of a long value are refused too.
+  bool continues = file.refused_end != 0 && offset == file.refused_end;
+  if (continues || data.size() >= WritePath::kMaxTextBytes) {
+    file.refused_end = offset + data.size();
+    ZEL_ERROR("Write to '{}' refused: a value of {} bytes or more does not fit one write", file.attribute->path,
+              WritePath::kMaxTextBytes);
+    return EFBIG;
+  }
+  if (int error = deserialize(file.attribute->vertex, data)) return error;
   // A write marks the change and access times, as the instrument always has.
   file.attribute->ctime_ns = file.attribute->atime_ns = static_cast<int64_t>(Clock::cached_ns());
-  return data.size();
+  written = data.size();
+  return 0;
 }

@@ -1,20 +1,11 @@
 #include "core/api/json_api.hpp"
 
 #include "core/field.hpp"
-#include "core/node.hpp"
-
-namespace {
-
-bool readonly_node(const Vertex* vertex) {
-  auto* node = dynamic_cast<const Node*>(vertex);
-  return node && node->readonly();
-}
-
-}  // namespace
+#include "core/write_path.hpp"
 
 bool JSONAPI::writable(Vertex* vertex) const {
-  if (!vertex->is_field()) return !readonly_node(vertex);
-  return !static_cast<FieldBase*>(vertex)->readonly() && !readonly_node(vertex->parent());
+  if (!vertex->is_field()) return true;
+  return WritePath::writable(*static_cast<FieldBase*>(vertex), WriteSource::File);
 }
 
 void JSONAPI::serialize(Vertex* vertex, std::string& out) const {
@@ -22,4 +13,6 @@ void JSONAPI::serialize(Vertex* vertex, std::string& out) const {
   vertex->write_json(out);
 }
 
-void JSONAPI::deserialize(Vertex* vertex, std::string_view text) const { vertex->read_json(text); }
+int JSONAPI::deserialize(Vertex* vertex, std::string_view text) const {
+  return WritePath::write_at(*vertex, {WriteSource::File, {}}, text).error_number();
+}

@@ -1,6 +1,11 @@
 #include "core/io/interlock_io.hpp"
 
+#include <algorithm>
 #include <cmath>
+#include <limits>
+
+#include "core/clock.hpp"
+#include "core/context.hpp"
 
 #include "core/node_factory.hpp"
 
@@ -54,6 +59,8 @@ InterlockIO::InterlockIO(const VTree& config, std::function<int()> condition, st
   duration.units = "s";
   duration.detail = "The time in seconds that a error condition must be true for this interlock to be in error.";
   state_time_.set_readonly(true);
+  guard_limits(config, {&error_time_duration_}, {0.0, std::numeric_limits<double>::infinity()});
+  error_time_duration_.listen([this] { evaluate(); });
   state_time_.attributes_for_update().detail = "The time the state last changed";
 
   value().listen([this] { follow_state(); });
@@ -71,6 +78,7 @@ bool InterlockIO::set_code(int code) { return condition_.set(code); }
 bool InterlockIO::set_flags(bool error, bool warning) { return set_code(error ? Error : warning ? Warning : Ok); }
 
 bool InterlockIO::set_tolerance(double readback, double command, double limit, double warning) {
+  if (!std::isfinite(readback) || !std::isfinite(command) || !std::isfinite(limit)) return set_code(Error);
   double deviation = std::abs(readback - command);
   if (std::abs(command * limit) < deviation) return set_code(Error);
   if (std::abs(command * warning) < deviation) return set_code(Warning);
@@ -89,12 +97,31 @@ void InterlockIO::evaluate() {
   if (result == Error && error_time_duration_.assigned() &&
       !(condition_timer_.elapsed() > error_time_duration_.get())) {
     pending_.store(true, std::memory_order_relaxed);
+    arm_trip_timer();
     if (!latching) state.set(Ok);
     return;
   }
   pending_.store(false, std::memory_order_relaxed);
   if (latching && (result == Ok || (state.assigned() && state.get() != Ok))) return;
   state.set(result);
+}
+
+void InterlockIO::arm_trip_timer() {
+  Context* owner = context();
+  if (!owner || !owner->running()) return;  // the manager's poll covers a tree without contexts
+  double remaining = error_time_duration_.get() - condition_timer_.elapsed();
+  // Just past the end: the duration must be strictly exceeded.
+  auto delay = static_cast<int64_t>(std::max(remaining, 0.0) * 1e9) + 1000;
+  int64_t deadline = static_cast<int64_t>(Clock::steady_ns()) + delay;
+  int64_t armed = armed_until_ns_.load(std::memory_order_relaxed);
+  // An armed timer that ends no later than this deadline will do.
+  if (armed != 0 && armed <= deadline + 1000000) return;
+  if (!armed_until_ns_.compare_exchange_strong(armed, deadline)) return;
+  owner->after(std::chrono::nanoseconds(delay), [this, deadline] {
+    int64_t mine = deadline;
+    armed_until_ns_.compare_exchange_strong(mine, 0);
+    if (pending()) evaluate();
+  });
 }
 
 void InterlockIO::start() { refresh(); }
@@ -107,8 +134,25 @@ void InterlockIO::watch(IOBase& input) {
 
 void InterlockIO::refresh() {
   // A changed condition evaluates through its own listener.
-  if (condition_function_ && set_code(condition_function_())) return;
+  if (held_error_) {
+    if (set_code(Error)) return;
+  } else if (condition_function_ && set_code(condition_function_())) {
+    return;
+  }
   evaluate();
+}
+
+void InterlockIO::guard_limits(const VTree& config, std::initializer_list<ValueField<double>*> limits,
+                               FieldRange range) {
+  for (auto* limit : limits) {
+    if (restrict_setting(config, *limit, range, std::nullopt)) continue;
+    hold_error();
+  }
+}
+
+void InterlockIO::hold_error() {
+  held_error_ = true;
+  set_error();
 }
 
 void InterlockIO::link_inputs(std::initializer_list<IOLinkBase*> links) {
@@ -118,8 +162,7 @@ void InterlockIO::link_inputs(std::initializer_list<IOLinkBase*> links) {
       watch(link->resolve(*this));
     } catch (const std::exception& e) {
       report_build_failure(path(), type(), e.what());
-      condition_function_ = [] { return Error; };
-      set_error();
+      hold_error();
       return;
     }
   }

@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "core/context.hpp"
 #include "core/io/pending_trip_poller.hpp"
 #include "core/log.hpp"
 #include "core/root.hpp"
@@ -47,10 +48,14 @@ InterlockManager::InterlockManager(const VTree& config)
   message_.set_default("readonly", true);
   enable_all_.set_default("label", std::string("Enable All"));
   enable_all_.set_default("detail", std::string("Enable or disable all interlocks at once."));
-  enable_all_.on_change([this] {
+  // Every write assigns, changed or not: "Enable All" after one interlock
+  // was disabled by hand enables that one again.
+  auto assign_all = [this] {
     bool enabled = enable_all_.get();
     for (auto* interlock : interlocks_) interlock->enabled().set(enabled);
-  });
+  };
+  enable_all_.on_change(assign_all);
+  enable_all_.value().on_written(assign_all);
   auto& report = add<ButtonField>("generate_report_csv", "Generate", [this] { generate_report_csv(); });
   report.attributes_for_update().detail = "Generates a report of all interlocks in the form of a CSV file.";
   enable_poll(config, kDefaultPollHz);
@@ -65,8 +70,14 @@ void InterlockManager::init() {
   scope.visit([this](Vertex& v) {
     if (auto* interlock = dynamic_cast<InterlockIO*>(&v)) interlocks_.push_back(interlock);
   });
-  for (auto* interlock : interlocks_)
-    interlock->on_change([this] { summary_stale_.store(true, std::memory_order_relaxed); });
+  for (auto* interlock : interlocks_) interlock->on_change([this] { follow_states(); });
+}
+
+void InterlockManager::follow_states() {
+  if (summary_stale_.exchange(true, std::memory_order_acq_rel)) return;  // an update is on its way
+  Context* own = context();
+  if (own && own->running() && !own->in_context()) own->post([this] { update_summary(); });
+  else update_summary();
 }
 
 void InterlockManager::start() {

@@ -33,6 +33,9 @@ PermitCommandIO::PermitCommandIO(const VTree& config, IOLink<bool> output)
       output_(std::move(output)),
       user_command_(add_setting<ValueField<bool>>(config, "user_command")),
       gate_command_(add_setting<ValueField<bool>>(config, "gate_command")) {
+  // The operator's controls: writable although the permit's state is not.
+  user_command_.set_operator_control();
+  gate_command_.set_operator_control();
   user_command_.attributes_for_update().detail = "The operator intention.";
   auto& gate = gate_command_.attributes_for_update();
   gate.label = "Gate";
@@ -57,6 +60,8 @@ void PermitCommandIO::init() {
 }
 
 void PermitCommandIO::follow_output() {
+  // Users command the permit; a write of the output itself is refused.
+  output_.io()->value_field()->set_driven_by(this);
   output_.io()->value_field()->listen([this] {
     if (!writing_) evaluate();
   });

@@ -1,5 +1,7 @@
 #include "core/io/poly_model.hpp"
 
+#include <cmath>
+
 #include <algorithm>
 #include <chrono>
 #include <span>
@@ -119,6 +121,9 @@ bool PolyModel<N, P>::fit() {
   auto coefficients = poly_fit(x, y, fit_order());
   coefficients.resize(N, 0.0);
   for (int k = 0; k < N; ++k) (*fit_results_)[k].set(coefficients[k]);
+  // A solution that is not finite (a zero pivot) is no fit at all.
+  for (double c : coefficients)
+    if (!std::isfinite(c)) return fail();
   fit_failed_->set(false);
   set_attribute(ColorField::key, "green");
   return true;

@@ -1,5 +1,7 @@
 #include "core/io/range_interlock_io.hpp"
 
+#include <cmath>
+
 #include "core/node_factory.hpp"
 
 ZEL_REGISTER_NODE("range_interlock_io", RangeInterlockIO);
@@ -16,6 +18,7 @@ RangeInterlockIO::RangeInterlockIO(const VTree& config, IOLink<double> input)
       upper_limit_(add_setting<ValueField<double>>(config, "upper_limit")),
       lower_warning_(add_setting<ValueField<double>>(config, "lower_warning")),
       upper_warning_(add_setting<ValueField<double>>(config, "upper_warning")) {
+  guard_limits(config, {&lower_limit_, &upper_limit_, &lower_warning_, &upper_warning_}, kAnyFinite);
   set_condition_function([this] { return range_code(); });
   for (auto* bound : {&lower_limit_, &upper_limit_, &lower_warning_, &upper_warning_}) {
     bound->attributes_for_update().units = units();
@@ -30,6 +33,9 @@ int RangeInterlockIO::range_code() const {
   auto* input = input_.get();
   if (!input || !input->assigned()) return Ok;
   double x = input->get();
+  if (!std::isfinite(x)) return Error;  // a failed sensor
+  for (auto* bound : {&lower_limit_, &upper_limit_, &lower_warning_, &upper_warning_})
+    if (bound->assigned() && !std::isfinite(bound->get())) return Error;
   if (lower_limit_.assigned() && x < lower_limit_.get()) return Error;
   if (upper_limit_.assigned() && x > upper_limit_.get()) return Error;
   if (lower_warning_.assigned() && x < lower_warning_.get()) return Warning;

@@ -22,6 +22,7 @@ ToleranceInterlockIO::ToleranceInterlockIO(const VTree& config, IOLink<double> r
   minimum_.attributes_for_update().units = units();
   tolerance_limit_.attributes_for_update().units = "%";
   tolerance_warning_.attributes_for_update().units = "%";
+  guard_limits(config, {&minimum_, &tolerance_limit_, &tolerance_warning_}, kAnyFinite);
   set_condition_function([this] { return tolerance_code(); });
   for (auto* setting : {&minimum_, &tolerance_limit_, &tolerance_warning_}) setting->listen([this] { refresh(); });
   if (reference_.bound()) watch(*reference_.io());
@@ -36,6 +37,10 @@ int ToleranceInterlockIO::tolerance_code() const {
   if (!reference || !value) return Ok;
   double a = reference->get();
   double d = std::abs(value->get() - a);
+  // A failed sensor on either side, or a broken setting, is an error.
+  if (!std::isfinite(a) || !std::isfinite(d)) return Error;
+  for (auto* setting : {&minimum_, &tolerance_limit_, &tolerance_warning_})
+    if (setting->assigned() && !std::isfinite(setting->get())) return Error;
   if (minimum_.assigned() && !(std::abs(a) > minimum_.get())) return Ok;
   if (tolerance_limit_.assigned() && d > std::abs(a * tolerance_limit_.get() / 100)) return Error;
   if (!tolerance_warning_.assigned()) return Ok;

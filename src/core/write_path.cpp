@@ -1,0 +1,246 @@
+#include "core/write_path.hpp"
+
+#include <atomic>
+#include <cerrno>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "core/attribute_fields.hpp"
+#include "core/button_field.hpp"
+#include "core/io/io.hpp"
+#include "core/log.hpp"
+#include "core/x2x.hpp"
+
+namespace {
+
+std::atomic<WritePath::PermissionCheck> permission_check{nullptr};
+
+// A text from outside as it may appear in a log line: control characters and
+// quotes escaped (no forged lines), cut short.
+std::string shown(std::string_view text) {
+  auto quoted = x2x::to_json(x2x::trim(text).substr(0, 120));
+  return quoted.substr(1, quoted.size() - 2);
+}
+
+// "bob" for a call inside the program, "http 127.0.0.1:40112" from outside.
+std::string caller_text(const Caller& caller) {
+  if (caller.source == WriteSource::Local) return shown(caller.who);
+  std::string text(write_source_name(caller.source));
+  if (!caller.who.empty()) {
+    text.push_back(' ');
+    text.append(shown(caller.who));
+  }
+  return text;
+}
+
+WriteAnswer refused(WriteStatus status, std::string reason) { return {status, std::move(reason)}; }
+
+// The refusal's one log line; `path` as the caller named it.
+void log_refusal(const Caller& caller, std::string_view path, const WriteAnswer& answer) {
+  auto who = caller_text(caller);
+  switch (answer.status) {
+    case WriteStatus::NotFound:
+      ZEL_ERROR("User no valid Field found {} {}: {}", who, shown(path), answer.reason);
+      break;
+    case WriteStatus::ReadOnly:
+      ZEL_ERROR("User can't set Field, readonly {} {}: {}", who, shown(path), answer.reason);
+      break;
+    default:
+      ZEL_ERROR("User can't set Field {} {}: {}", who, shown(path), answer.reason);
+      break;
+  }
+}
+
+bool is_attribute(const FieldBase& field) {
+  return dynamic_cast<const AttributeField<std::string>*>(&field) || dynamic_cast<const AttributeField<bool>*>(&field);
+}
+
+bool starts_object(std::string_view text) {
+  text = x2x::trim(text);
+  return !text.empty() && text.front() == '{';
+}
+
+// One field's share of a write, checked and waiting to be applied.
+struct PlannedWrite {
+  FieldBase* field;
+  std::string text;
+};
+
+// Checks every member of `object` against the children of `node`, depth
+// first; stops at the first refusal, which it logs.
+bool plan(Vertex& node, const nlohmann::json& object, const Caller& caller, std::vector<PlannedWrite>& out,
+          WriteAnswer& answer) {
+  for (auto& [key, value] : object.items()) {
+    Vertex* child = node.child(key);
+    std::string member = node.path().empty() ? key : node.path() + "/" + key;
+    if (!child) {
+      answer = refused(WriteStatus::NotFound, "the member '" + member + "' does not exist");
+      log_refusal(caller, member, answer);
+      return false;
+    }
+    if (value.is_object() && !child->is_field()) {
+      if (!plan(*child, value, caller, out, answer)) return false;
+      continue;
+    }
+    FieldBase* field = WritePath::field_for(child);
+    if (!field) {
+      answer = refused(WriteStatus::BadValue, "the member '" + member + "' is a node: it takes an object");
+      log_refusal(caller, member, answer);
+      return false;
+    }
+    std::string text = value.dump();
+    answer = WritePath::check(*field, caller, text);
+    if (!answer.ok()) {
+      answer.reason = "the member '" + field->path() + "' " + answer.reason;
+      log_refusal(caller, field->path(), answer);
+      return false;
+    }
+    out.push_back({field, std::move(text)});
+  }
+  return true;
+}
+
+void apply(FieldBase& field, const Caller& caller, std::string_view text) {
+  if (caller.source == WriteSource::Store) {
+    field.read_json(text);
+    field.notify_written();
+    return;
+  }
+  if (dynamic_cast<ButtonField*>(&field)) {
+    ZEL_INFO("User {} pressed '{}'", caller_text(caller), field.path());
+    field.read_json(text);
+    field.notify_written();
+    return;
+  }
+  std::string old_value = field.json();
+  field.read_json(text);
+  field.notify_written();
+  ZEL_INFO("User {} set '{}' from {} to {}", caller_text(caller), field.path(), old_value, field.json());
+}
+
+}  // namespace
+
+std::string_view write_source_name(WriteSource source) {
+  switch (source) {
+    case WriteSource::File: return "file";
+    case WriteSource::Http: return "http";
+    case WriteSource::WebSocket: return "websocket";
+    case WriteSource::Store: return "store";
+    case WriteSource::Local: return "local";
+  }
+  return "unknown";
+}
+
+unsigned WriteAnswer::http_status() const {
+  switch (status) {
+    case WriteStatus::Done: return 200;
+    case WriteStatus::NotFound: return 404;
+    case WriteStatus::ReadOnly: return 403;
+    case WriteStatus::BadValue: return 400;
+    case WriteStatus::TooLarge: return 413;
+    case WriteStatus::Denied: return 403;
+  }
+  return 500;
+}
+
+int WriteAnswer::error_number() const {
+  switch (status) {
+    case WriteStatus::Done: return 0;
+    case WriteStatus::NotFound: return ENOENT;
+    case WriteStatus::ReadOnly: return EACCES;
+    case WriteStatus::BadValue: return EINVAL;
+    case WriteStatus::TooLarge: return EFBIG;
+    case WriteStatus::Denied: return EACCES;
+  }
+  return EIO;
+}
+
+void WritePath::set_permission_check(PermissionCheck check) { permission_check.store(check, std::memory_order_release); }
+
+FieldBase* WritePath::field_for(Vertex* vertex) {
+  if (!vertex) return nullptr;
+  if (vertex->is_field()) return static_cast<FieldBase*>(vertex);
+  if (auto* io = dynamic_cast<IOBase*>(vertex)) return io->value_field();
+  return nullptr;
+}
+
+bool WritePath::writable(const FieldBase& field, WriteSource source, std::string* reason) {
+  auto why = [&](const char* text) {
+    if (reason) *reason = text;
+    return false;
+  };
+  if (field.readonly()) return why("is read-only");
+  if (is_attribute(field)) return why("describes its node and is not a value");
+  bool button = dynamic_cast<const ButtonField*>(&field) != nullptr;
+  if (button && source == WriteSource::Store) return why("is a button: a store never presses one");
+  if (auto* driver = field.driven_by()) {
+    if (reason) *reason = "is driven by '" + driver->path() + "': command that instead";
+    return false;
+  }
+  auto* owner = dynamic_cast<const Node*>(field.parent());
+  if (owner && owner->readonly() && !(field.operator_control() && source != WriteSource::Store))
+    return why("is a value of a read-only node");
+  return true;
+}
+
+WriteAnswer WritePath::check(const FieldBase& field, const Caller& caller, std::string_view text) {
+  WriteAnswer answer;
+  if (!writable(field, caller.source, &answer.reason)) {
+    answer.status = WriteStatus::ReadOnly;
+    return answer;
+  }
+  if (!field.check_text(text, answer.reason)) {
+    answer.status = WriteStatus::BadValue;
+    return answer;
+  }
+  if (auto permitted = permission_check.load(std::memory_order_acquire);
+      permitted && !permitted(caller, field, answer.reason)) {
+    answer.status = WriteStatus::Denied;
+    return answer;
+  }
+  return answer;
+}
+
+WriteAnswer WritePath::write(Vertex& top, const WriteRequest& request) {
+  Vertex* target = top.find(request.path);
+  if (!target) {
+    auto answer = refused(WriteStatus::NotFound, "there is nothing at that path");
+    log_refusal(request.caller, request.path, answer);
+    return answer;
+  }
+  return write_at(*target, request.caller, request.text);
+}
+
+WriteAnswer WritePath::write_at(Vertex& target, const Caller& caller, std::string_view text) {
+  text = x2x::trim(text);
+  if (text.size() >= kMaxTextBytes) {
+    auto answer = refused(WriteStatus::TooLarge,
+                          fmt::format("a text of {} bytes: the most is {}", text.size(), kMaxTextBytes - 1));
+    log_refusal(caller, target.path(), answer);
+    return answer;
+  }
+  FieldBase* field = field_for(&target);
+  if (field && (target.is_field() || !starts_object(text))) {
+    auto answer = check(*field, caller, text);
+    if (!answer.ok()) {
+      log_refusal(caller, target.path(), answer);
+      return answer;
+    }
+    apply(*field, caller, text);
+    return answer;
+  }
+  nlohmann::json object;
+  if (x2x::json_depth_within(text)) object = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
+  if (!object.is_object()) {
+    auto answer = field || object.is_discarded() ? refused(WriteStatus::BadValue, "a node takes a JSON object of its members")
+                        : refused(WriteStatus::NotFound, "a node without a value: it takes a JSON object of its members");
+    log_refusal(caller, target.path(), answer);
+    return answer;
+  }
+  std::vector<PlannedWrite> writes;
+  WriteAnswer answer;
+  if (!plan(target, object, caller, writes, answer)) return answer;
+  for (auto& w : writes) apply(*w.field, caller, w.text);
+  return answer;
+}
