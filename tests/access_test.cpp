@@ -78,6 +78,14 @@ TEST(Permissions, RoleNeededFollowsTheNearestPermissionsAttributeThenTheKindOfFi
   EXPECT_TRUE(Permissions::allows(Role::Expert, at<FieldBase>(root, "pulse/rate")));
   EXPECT_FALSE(Permissions::allows(Role::Operator, at<FieldBase>(root, "pulse/rate")));
   EXPECT_FALSE(Permissions::allows(Role::Anonymous, at<FieldBase>(root, "open/x/value")));
+
+  // As the write path's hook: only the web's callers are asked for a role.
+  std::string reason;
+  auto& stop = at<FieldBase>(root, "admin/stop_button");
+  for (auto source : {WriteSource::File, WriteSource::Store, WriteSource::Local})
+    EXPECT_TRUE(Permissions::check({source, "x"}, stop, reason)) << write_source_name(source);
+  EXPECT_FALSE(Permissions::check({WriteSource::WebSocket, "x", Role::Expert}, stop, reason));
+  EXPECT_EQ(reason, "'admin/stop_button' needs the role admin, more than expert");
 }
 
 // Every web way in x every kind of caller x every kind of field: allowed or
