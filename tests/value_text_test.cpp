@@ -48,6 +48,17 @@ TEST(ValueText, AFileWriteWithItsTrailingNulReads) {
   EXPECT_EQ(v, 255);
 }
 
+TEST(ValueText, FloatsTakeTheShortestExponent) {
+  EXPECT_EQ(x2x::to_json(1e-4), "1e-4");
+  EXPECT_EQ(x2x::to_json(1e20), "1e20");
+  EXPECT_EQ(x2x::to_json(-2.5e-300), "-2.5e-300");
+  EXPECT_EQ(x2x::to_json(3e-7f), "3e-7");
+  EXPECT_EQ(x2x::to_json(120.0), "120");
+  double back = 0;
+  ASSERT_TRUE(x2x::from_json(x2x::to_json(1.5e-308), back));
+  EXPECT_EQ(back, 1.5e-308);
+}
+
 TEST(ValueText, NonFiniteNumbersWriteValidJson) {
   EXPECT_EQ(x2x::to_json(std::numeric_limits<double>::quiet_NaN()), "null");
   EXPECT_EQ(x2x::to_json(std::numeric_limits<double>::infinity()), "null");
