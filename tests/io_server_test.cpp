@@ -193,9 +193,9 @@ TEST_F(IOFiles, ListingGivesIndexFirstThenChildrenInChildOrderWithTheirModes) {
     return st.st_mode;
   };
   EXPECT_EQ(mode(""), S_IFDIR | 0777u);
-  EXPECT_EQ(mode("g"), S_IFDIR | 0777u);
+  EXPECT_EQ(mode("g"), S_IFDIR | 0755u);
   EXPECT_EQ(mode("g/label.json"), S_IFREG | 0444u);  // an attribute describes, it is not set
-  EXPECT_EQ(mode("g.json"), S_IFREG | 0666u);
+  EXPECT_EQ(mode("g.json"), S_IFREG | 0644u);
   EXPECT_EQ(mode("pulse/count.json"), S_IFREG | 0444u);  // a read-only field
 }
 
@@ -459,7 +459,7 @@ TEST(IOFileSystem, AHandlerMissingFromTheRegistryIsLoggedAndRefused) {
   EXPECT_EQ(files.lookup(FileSystemHandler::kRootIno, "x", st), EACCES);
   EXPECT_EQ(log.texts(), std::vector<std::string>{"Error: File API object somehow deallocated?!"});
   EXPECT_EQ(files.lookup(FileSystemHandler::kRootIno, "x.json", st), 0);
-  EXPECT_EQ(st.mode, S_IFREG | 0666u);
+  EXPECT_EQ(st.mode, S_IFREG | 0644u);
 }
 
 // The kernel does not pass empty writes on; the server ignores them too (the
