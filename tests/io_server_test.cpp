@@ -199,6 +199,30 @@ TEST_F(IOFiles, ListingGivesIndexFirstThenChildrenInChildOrderWithTheirModes) {
   EXPECT_EQ(mode("pulse/count.json"), S_IFREG | 0444u);  // a read-only field
 }
 
+// Run as root the mount is open to every local account; the kernel holds the
+// others to the modes, so they read the tree and change nothing.
+TEST_F(IOFiles, OtherLocalAccountsReadButNeverWrite) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to mount for others and to become another account";
+  serve(R"(<x type="analog_io" value="1"/>)");
+  std::filesystem::permissions(std::filesystem::path(work_.mount()).parent_path(),
+                               std::filesystem::perms::owner_all | std::filesystem::perms::group_exec |
+                                   std::filesystem::perms::others_exec);
+  auto as_nobody = [&](int flags) {
+    pid_t child = fork();
+    if (child == 0) {
+      if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
+      int fd = ::open(file("x/value.json").c_str(), flags);
+      _exit(fd >= 0 ? 0 : errno);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(as_nobody(O_RDONLY), 0);
+  EXPECT_EQ(as_nobody(O_WRONLY), EACCES);
+  EXPECT_EQ(node<AnalogIO>("x").get(), 1.0);
+}
+
 TEST_F(IOFiles, UnknownExtensionIsRefusedSilentlyAndAMissingVertexIsLoggedTwice) {
   serve(R"(<x type="analog_io"/>)");
   LogCapture log;
