@@ -24,6 +24,7 @@
 #include "value_text.hpp"
 #include "web/document_root.hpp"
 #include "web/http_router.hpp"
+#include "web/web_access.hpp"
 
 namespace fs = std::filesystem;
 
@@ -55,10 +56,13 @@ struct Instrument {
     fs::remove(here / "web/outside.txt");
     fs::create_symlink(here / "secret.txt", here / "web/outside.txt");
     documents = std::make_unique<DocumentRoot>((here / "web").string());
-    router = std::make_unique<HttpRouter>(*root, *documents);
+    // Anonymous writes are let in as an operator's, so the write paths are reached.
+    access = std::make_unique<WebAccess>((here / "config/users").string(), WebAccessSettings{.anonymous_write = true});
+    router = std::make_unique<HttpRouter>(*root, *documents, *access);
   }
   std::unique_ptr<Root> root;
   std::unique_ptr<DocumentRoot> documents;
+  std::unique_ptr<WebAccess> access;
   std::unique_ptr<HttpRouter> router;
 };
 
@@ -106,7 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check_relative_path(request.target, input);
   HttpReply reply = instrument.router->answer(request);
   switch (reply.status) {
-    case 200: case 400: case 403: case 404: case 405: break;
+    case 200: case 400: case 401: case 403: case 404: case 405: case 429: break;
     default: fuzz::fail("an answer of an unexpected status", input, std::to_string(reply.status));
   }
   if (reply.body.find(kSecret) != std::string::npos) fuzz::fail("a file outside the document root was served", input, reply.body);

@@ -40,7 +40,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static auto tree = fuzz::make_sample_tree();
-  ClientProtocol protocol(*tree, std::make_shared<PushTrigger>(), 16);
+  ClientProtocol protocol(*tree, std::make_shared<PushTrigger>(), 16,
+                          [] { return WebCaller::of(Role::Operator, "fuzz", "a fuzzer"); });
   std::string_view input = fuzz::as_text(data, size), rest = input;
   std::string push;
   while (!rest.empty()) {

@@ -8,6 +8,7 @@ packages=(
   libboost-system-dev libboost-thread-dev
   nlohmann-json3-dev libpugixml-dev libfmt-dev
   libfuse3-dev fuse3
+  libsodium-dev  # password hashes of the users file
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-numpy  # the independent reference of the calibration fit test
   chromium nodejs npm  # the browser tests

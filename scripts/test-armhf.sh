@@ -40,6 +40,7 @@ armhf_packages=(
   libfmt-dev libfmt9
   libpugixml-dev libpugixml1v5
   libfuse3-dev libfuse3-3
+  libsodium-dev libsodium23
   libgtest-dev libgmock-dev
 )
 common_packages=(nlohmann-json3-dev)

@@ -435,7 +435,7 @@ TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
   root->initialize();
   auto& lock = at<RangeInterlockIO>(*root, "rig/lock");
   auto& manager = at<InterlockManager>(*root, "interlocks");
-  ASSERT_TRUE(WritePath::write(*root, {{WriteSource::Http, "tester"}, "interlocks/poll/rate", "0.001"}).ok());
+  ASSERT_TRUE(WritePath::write(*root, {{WriteSource::Http, "tester", Role::Expert}, "interlocks/poll/rate", "0.001"}).ok());
   ASSERT_TRUE(eventually([&] { return lock.is_ok(); }));
 
   auto set_at = std::chrono::steady_clock::now();

@@ -193,10 +193,34 @@ TEST_F(IOFiles, ListingGivesIndexFirstThenChildrenInChildOrderWithTheirModes) {
     return st.st_mode;
   };
   EXPECT_EQ(mode(""), S_IFDIR | 0777u);
-  EXPECT_EQ(mode("g"), S_IFDIR | 0777u);
+  EXPECT_EQ(mode("g"), S_IFDIR | 0755u);
   EXPECT_EQ(mode("g/label.json"), S_IFREG | 0444u);  // an attribute describes, it is not set
-  EXPECT_EQ(mode("g.json"), S_IFREG | 0666u);
+  EXPECT_EQ(mode("g.json"), S_IFREG | 0644u);
   EXPECT_EQ(mode("pulse/count.json"), S_IFREG | 0444u);  // a read-only field
+}
+
+// Run as root the mount is open to every local account; the kernel holds the
+// others to the modes, so they read the tree and change nothing.
+TEST_F(IOFiles, OtherLocalAccountsReadButNeverWrite) {
+  if (geteuid() != 0) GTEST_SKIP() << "needs root, to mount for others and to become another account";
+  serve(R"(<x type="analog_io" value="1"/>)");
+  std::filesystem::permissions(std::filesystem::path(work_.mount()).parent_path(),
+                               std::filesystem::perms::owner_all | std::filesystem::perms::group_exec |
+                                   std::filesystem::perms::others_exec);
+  auto as_nobody = [&](int flags) {
+    pid_t child = fork();
+    if (child == 0) {
+      if (setgid(65534) != 0 || setuid(65534) != 0) _exit(100);
+      int fd = ::open(file("x/value.json").c_str(), flags);
+      _exit(fd >= 0 ? 0 : errno);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  };
+  EXPECT_EQ(as_nobody(O_RDONLY), 0);
+  EXPECT_EQ(as_nobody(O_WRONLY), EACCES);
+  EXPECT_EQ(node<AnalogIO>("x").get(), 1.0);
 }
 
 TEST_F(IOFiles, UnknownExtensionIsRefusedSilentlyAndAMissingVertexIsLoggedTwice) {
@@ -459,7 +483,7 @@ TEST(IOFileSystem, AHandlerMissingFromTheRegistryIsLoggedAndRefused) {
   EXPECT_EQ(files.lookup(FileSystemHandler::kRootIno, "x", st), EACCES);
   EXPECT_EQ(log.texts(), std::vector<std::string>{"Error: File API object somehow deallocated?!"});
   EXPECT_EQ(files.lookup(FileSystemHandler::kRootIno, "x.json", st), 0);
-  EXPECT_EQ(st.mode, S_IFREG | 0666u);
+  EXPECT_EQ(st.mode, S_IFREG | 0644u);
 }
 
 // The kernel does not pass empty writes on; the server ignores them too (the

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <string>
+#include <vector>
+
 #include "core/log.hpp"
 #include "core/log_throttle.hpp"
 
@@ -56,4 +59,15 @@ TEST(LogThrottle, PlacesAreCountedApartAndAQuietOneIsSummarisedWithAnotherPlaces
   due.clear();
   EXPECT_TRUE(throttle.admit("src/a", 1, at(21), due)) << "a new window writes again";
   EXPECT_TRUE(due.empty()) << "a summary is given once";
+}
+
+// A client's text inside a record (a field path, a user name) must not end
+// the record's line and start a forged one.
+TEST(Log, ControlCharactersInATextAreEscapedSoARecordStaysOneLine) {
+  std::vector<std::string> texts;
+  auto id = Log::add_sink([&](const LogRecord& r) { texts.push_back(r.text); });
+  Log::write(LogLevel::Info, "src/core/x", 1, "set 'a\n2030-01-01T00:00:00.000Z error src/core/root:1 forged\r\t\x1b[31m'");
+  Log::remove_sink(id);
+  ASSERT_EQ(texts.size(), 1u);
+  EXPECT_EQ(texts[0], "set 'a\\n2030-01-01T00:00:00.000Z error src/core/root:1 forged\\r\\t\\x1b[31m'");
 }

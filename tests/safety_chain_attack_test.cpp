@@ -31,7 +31,7 @@ const std::string kProgram = ZEL_BINARY;
 // pressure guards hv_enable through hv_permit/vacuum; an error must hold
 // 0.3 s before it trips.
 constexpr const char* kChain = R"(<root>
-  <web_server type="web_server"/>
+  <web_server type="web_server" anonymous_write="true"/>
   <chamber type="component">
     <pressure type="analog_io" value="1e-6"/>
     <hv_enable type="digital_io" value="false"/>

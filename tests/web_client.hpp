@@ -5,6 +5,8 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -105,8 +107,12 @@ inline std::string raw_exchange(uint16_t port, const std::string& bytes, millise
 
 class WebSocketClient {
  public:
-  // Connects and completes the upgrade; offers permessage-deflate when asked.
-  WebSocketClient(net::io_context& io, uint16_t port, bool deflate = true, int receive_buffer = 0)
+  using Headers = std::vector<std::pair<std::string, std::string>>;
+
+  // Connects and completes the upgrade (with `headers` added to its request);
+  // offers permessage-deflate when asked.
+  WebSocketClient(net::io_context& io, uint16_t port, bool deflate = true, int receive_buffer = 0,
+                  Headers headers = {})
       : io_(io), ws_(io) {
     auto& socket = ws_.next_layer();
     socket.open(tcp::v4());
@@ -118,6 +124,9 @@ class WebSocketClient {
       ws_.set_option(options);
     }
     ws_.read_message_max(64u << 20);
+    ws_.set_option(websocket::stream_base::decorator([headers](websocket::request_type& request) {
+      for (auto& [name, value] : headers) request.set(name, value);
+    }));
     ws_.handshake("127.0.0.1", "/");
   }
 

@@ -20,6 +20,7 @@
 #include "web/client_protocol.hpp"
 #include "web/document_root.hpp"
 #include "web/http_router.hpp"
+#include "web/web_access.hpp"
 #include "web/web_server.hpp"
 #include "web_client.hpp"
 #include "tree_access.hpp"
@@ -81,7 +82,8 @@ bool eventually(F&& condition, std::chrono::milliseconds timeout = std::chrono::
 
 // The protocol of one session, without a socket.
 struct Session {
-  explicit Session(Root& root) : protocol(root, trigger, 1000) {}
+  explicit Session(Root& root, Role role = Role::Operator)
+      : protocol(root, trigger, 1000, [role] { return WebCaller::of(role, "tester", "a test"); }) {}
   std::string push() {
     std::string out;
     return protocol.write_push(out).wrote ? out : std::string();
@@ -133,7 +135,7 @@ TEST(WebsocketProtocol, UnknownPathsAreLoggedAndTheOtherMembersStillApply) {
   session.protocol.handle_message(R"({"event":"set","data":{"nowhere/value":5,"a/value":2.5,"b/value":true}})");
   EXPECT_EQ(at<AnalogIO>(*root, "a").get(), 2.5);
   EXPECT_TRUE(at<DigitalIO>(*root, "b").get());
-  EXPECT_TRUE(logged_exactly(log, "Error: User no valid Field found websocket nowhere/value: there is nothing at that path"));
+  EXPECT_TRUE(logged_exactly(log, "Error: User no valid Field found websocket tester (operator) a test nowhere/value: there is nothing at that path"));
 
   // A node is not a field: no subscription, the same kind of line.
   session.protocol.handle_message(R"({"event":"subscribe","data":{"a":1,"missing":1,"b/value":1}})");
@@ -324,14 +326,20 @@ TEST(WebDocumentRoot, KeptFilesAreServedFreshAfterEditsAndSwappedLinksAreJudgedA
 // ------------------------------------------------------------------ HTTP API
 
 namespace {
+// The router with anonymous writes let in (as an operator's), unless told otherwise.
 struct Api {
-  explicit Api(const std::string& inner) : root(build(inner)), documents(dir.path().string()), router(*root, documents) {}
+  explicit Api(const std::string& inner, WebAccessSettings settings = {.anonymous_write = true})
+      : root(build(inner)),
+        documents(dir.path().string()),
+        access((dir.path() / "config/users").string(), std::move(settings)),
+        router(*root, documents, access) {}
   HttpReply call(std::string_view method, std::string_view target, std::string_view body = {}) {
     return router.answer({method, target, body});
   }
   TempDir dir;
   std::unique_ptr<Root> root;
   DocumentRoot documents;
+  WebAccess access;
   HttpRouter router;
 };
 }  // namespace
@@ -378,8 +386,8 @@ TEST(WebHttpApi, SetAnswersSuccessOrFailedWithTheReason) {
   }
   EXPECT_EQ(at<AnalogIO>(*api.root, "t").get(), -4.0);
   EXPECT_EQ(at<AnalogIO>(*api.root, "ro").get(), 1.0);
-  EXPECT_TRUE(log.contains("Error: User can't set Field, readonly http ro: is a value of a read-only node"));
-  EXPECT_TRUE(log.contains("User http set 't/value' from 2.5 to -4"));
+  EXPECT_TRUE(log.contains("Error: User can't set Field, readonly http anonymous (operator) ro: is a value of a read-only node"));
+  EXPECT_TRUE(log.contains("User http anonymous (operator) set 't/value' from 2.5 to -4"));
 }
 
 TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
@@ -396,6 +404,7 @@ TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
   EXPECT_EQ(t["value"]["path"], "ch/t/value");
   EXPECT_EQ(t["value"]["value"], 3);
   EXPECT_EQ(t["value"]["units"], "degC");
+  EXPECT_EQ(t["value"]["role"], "operator");
   EXPECT_FALSE(t.contains("children")) << "depth 1 ends here";
 
   auto self_test = nlohmann::json::parse(api.call("GET", "/api/tree/io_server/json_test?depth=0").body);
@@ -440,8 +449,13 @@ TEST(WebHttpApi, InterlockOverviewListsInterlocksAndColouredNodesOfTheManagerOnl
 TEST(WebHttpApi, OtherMethodsGet405AndALogLine) {
   Api api("");
   LogCapture log;
-  for (const char* method : {"DELETE", "PATCH", "BREW"}) EXPECT_EQ(api.call(method, "/io/pulse").status, 405u);
-  EXPECT_EQ(api.call("PUT", "/index.html").status, 405u);
+  for (const char* method : {"DELETE", "PATCH", "BREW"}) {
+    auto reply = api.call(method, "/io/pulse");
+    EXPECT_EQ(reply.status, 405u);
+    EXPECT_EQ(reply.allow, "GET, HEAD, PUT, POST");
+  }
+  EXPECT_EQ(api.call("PUT", "/index.html").allow, "GET, HEAD");
+  EXPECT_EQ(api.call("GET", "/api/login").allow, "POST");
   EXPECT_TRUE(log.contains("Error: HTTP method DELETE is not allowed for '/io/pulse'"));
 }
 
@@ -544,9 +558,9 @@ TEST_F(WebServerTest, BadRequestsAreAnsweredAndClosedWhileOthersAreServed) {
 }
 
 TEST_F(WebServerTest, AClientThatExpectsContinueIsAskedForTheBodyBeforeSendingIt) {
-  start(R"(<t type="analog_io" value="1.5"/>)");
+  start(R"(<t type="analog_io" value="1.5"/>)", R"(anonymous_write="true")");
   web_client::RawConnection connection(port);
-  connection.send("PUT /io/t/value HTTP/1.1\r\nHost: x\r\nExpect: 100-continue\r\nContent-Length: 4\r\n\r\n");
+  connection.send("PUT /io/t/value HTTP/1.1\r\nHost: 127.0.0.1\r\nExpect: 100-continue\r\nContent-Length: 4\r\n\r\n");
   // curl would wait a second for this before sending the body anyway.
   auto interim = connection.read_until("\r\n\r\n", std::chrono::milliseconds(500));
   EXPECT_TRUE(interim.starts_with("HTTP/1.1 100 Continue\r\n")) << interim;
@@ -562,7 +576,7 @@ TEST_F(WebServerTest, AClientThatExpectsContinueIsAskedForTheBodyBeforeSendingIt
 }
 
 TEST_F(WebServerTest, WebSocketClientSubscribesReceivesExactPushesAndSets) {
-  start(R"(<t type="analog_io" value="1.5"/>)");
+  start(R"(<t type="analog_io" value="1.5"/>)", R"(anonymous_write="true")");
   web_client::WebSocketClient client(io, port);
   client.send(R"({"event":"subscribe","data":{"t/value":1}})");
   auto first = client.receive(5s);
@@ -664,4 +678,54 @@ TEST_F(WebServerTest, StopClosesEveryConnection) {
   EXPECT_FALSE(client.receive(5s));
   at<AnalogIO>(*root, "t").set(5);  // a change after the stop reaches no session
   EXPECT_THROW(web_client::get(port, "/"), boost::system::system_error);
+}
+
+TEST_F(WebServerTest, AnUpgradePipelinedBehindALargeReplyWaitsUntilTheReplyIsWritten) {
+  start();
+  constexpr size_t kSize = 8u << 20;
+  dir.write("web/big.bin", std::string(kSize, 'b'));
+  web_client::RawConnection connection(port);
+  connection.send("GET /big.bin HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n"
+                  "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: Upgrade\r\nUpgrade: websocket\r\n"
+                  "Sec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n\r\n");
+  auto& received = connection.read_until("101 Switching Protocols", 20s);
+  auto body = received.find("\r\n\r\n");
+  ASSERT_NE(body, std::string::npos);
+  EXPECT_TRUE(received.starts_with("HTTP/1.1 200")) << received.substr(0, 40);
+  EXPECT_EQ(received.find("HTTP/1.1 101"), body + 4 + kSize) << "the switch comes right after the whole body";
+}
+
+TEST_F(WebServerTest, WebSocketsCarryTheirSessionAndForeignPagesGetNone) {
+  start(R"(<t type="analog_io" value="1"/>)");
+  auto& access = server->access();
+  auto session = access.sessions().open("olga", Role::Operator);
+  LogCapture log;
+  auto foreign = web_client::raw_exchange(
+      port, "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\nOrigin: http://evil.example\r\nConnection: Upgrade\r\n"
+            "Upgrade: websocket\r\nSec-WebSocket-Version: 13\r\nSec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n"
+            "Cookie: zel_session=" + session + "\r\n\r\n");
+  EXPECT_TRUE(foreign.starts_with("HTTP/1.1 403")) << foreign.substr(0, 40);
+  EXPECT_TRUE(log.contains("Error: Cross-origin GET of '/' from 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("refused: the page of 'http://evil.example' is not this instrument's own"));
+
+  web_client::WebSocketClient anonymous(io, port);
+  anonymous.send(R"({"event":"set","data":{"t/value":5}})");
+  web_client::WebSocketClient olga(io, port, true, 0,
+                                   {{"Cookie", "zel_session=" + session}, {"Origin", "http://127.0.0.1"}});
+  olga.send(R"({"event":"subscribe","data":{"t/value":1}})");
+  olga.send(R"({"event":"set","data":{"t/value":-3}})");
+  ASSERT_TRUE(olga.receive_containing("[[-3,", 5s));
+  EXPECT_TRUE(log.contains("websocket anonymous (anonymous) 127.0.0.1:"));
+  EXPECT_TRUE(log.contains("log in to change 't/value'"));
+  EXPECT_TRUE(log.contains("set 't/value' from 1 to -3"));
+  EXPECT_TRUE(log.contains("User websocket olga (operator) 127.0.0.1:"));
+
+  access.sessions().close(session);  // logged out elsewhere: the open socket loses its rights too
+  olga.send(R"({"event":"set","data":{"t/value":7}})");
+  auto refusals = [&] {
+    auto texts = log.texts();
+    return std::count_if(texts.begin(), texts.end(), [](auto& t) { return t.find("log in to change") != t.npos; });
+  };
+  EXPECT_TRUE(eventually([&] { return refusals() == 2; }));
+  EXPECT_EQ(at<AnalogIO>(*root, "t").get(), -3.0);
 }

@@ -3,6 +3,7 @@
 import { InterlockPanel } from "./js/interlock_panel.js";
 import { LiveConnection } from "./js/live.js";
 import { LogPanel } from "./js/log_panel.js";
+import { LoginBox } from "./js/login.js";
 import { showNode } from "./js/node_view.js";
 import { TreeNav } from "./js/tree_nav.js";
 
@@ -14,6 +15,8 @@ const options = () => ({ showHidden: showHiddenBox.checked });
 const nav = new TreeNav(document.getElementById("tree"), options());
 const interlocks = new InterlockPanel(live);
 new LogPanel(live);
+const login = new LoginBox(document.getElementById("login"), document.getElementById("login-dialog"));
+login.refresh().catch(() => {});
 
 const STATUS_TEXT = { live: "Live", connecting: "Connecting…", offline: "Disconnected — values are not live" };
 live.onStatus((status) => {

@@ -107,6 +107,10 @@ class FieldBase : public Vertex {
   const FieldAttributes* attributes() const { return attributes_.get(); }
   FieldAttributes& attributes_for_update();
 
+  // Where Permissions keeps the role a write of this field needs, once
+  // worked out (0: not yet).
+  std::atomic<uint8_t>& permission_slot() const { return permission_slot_; }
+
  protected:
   // Stamps the change and notifies listeners, then subscribers.
   void changed() {
@@ -123,6 +127,7 @@ class FieldBase : public Vertex {
   std::atomic<uint64_t> stamp_{0};
   bool readonly_ = false;
   bool operator_control_ = false;
+  mutable std::atomic<uint8_t> permission_slot_{0};
   std::vector<Listener> listeners_;
   std::unique_ptr<FieldAttributes> attributes_;
 };

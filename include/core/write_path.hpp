@@ -26,17 +26,21 @@
 #include <string>
 #include <string_view>
 
+#include "core/role.hpp"
+
 class FieldBase;
 class Vertex;
 
 enum class WriteSource : uint8_t { File, Http, WebSocket, Store, Local };
 std::string_view write_source_name(WriteSource source);
 
-// Who asks: the way in and who came through it (a client's address, a store's
-// name, a user's name once users exist).
+// Who asks: the way in, who came through it (a client's address and user, a
+// store's name) and the role it has (Permissions; callers from the web that
+// nobody vouches for are anonymous).
 struct Caller {
   WriteSource source = WriteSource::Local;
   std::string_view who;
+  Role role = Role::Anonymous;
 };
 
 struct WriteRequest {

@@ -34,6 +34,7 @@
 #include "core/field.hpp"
 #include "web/push_trigger.hpp"
 #include "web/subscription.hpp"
+#include "web/web_caller.hpp"
 
 class ClientProtocol {
  public:
@@ -48,6 +49,8 @@ class ClientProtocol {
   static constexpr size_t kMaxWaitingReplies = 64;
 
   using Handler = std::function<void(std::string_view data)>;
+  // Who the client is at this moment (asked on every set).
+  using CallerOf = std::function<WebCaller()>;
 
   struct PassResult {
     bool wrote = false;     // at least one member: `out` is to be sent
@@ -55,7 +58,7 @@ class ClientProtocol {
     double seconds = 0;
   };
 
-  ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions);
+  ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions, CallerOf caller);
 
   // Parses one client message and runs its event's handler.
   void handle_message(std::string_view text);
@@ -63,8 +66,6 @@ class ClientProtocol {
   // alone, and leaves the pass incomplete so the updates follow.
   PassResult write_push(std::string& out);
 
-  // Who the client is, as the log names it (its address).
-  void set_client(std::string client) { client_ = std::move(client); }
 
   size_t subscription_count() const { return subscriptions_.size(); }
 
@@ -84,6 +85,7 @@ class ClientProtocol {
   Vertex& tree_;
   std::shared_ptr<PushTrigger> trigger_;
   size_t max_subscriptions_;
+  CallerOf caller_;
   std::unordered_map<std::string, Handler> handlers_;
   // By number, which grows with each subscription: map order is the order
   // they were made.
@@ -92,6 +94,5 @@ class ClientProtocol {
   uint64_t next_id_ = 1;
   std::vector<uint64_t> queued_;  // taken from the trigger, not yet visited
   size_t problems_ = 0;
-  std::string client_;
   std::vector<std::string> replies_;  // waiting to be sent, oldest first
 };

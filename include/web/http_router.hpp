@@ -13,8 +13,12 @@
 //   GET  /api/tree[/<path>]?depth=N        the tree described for pages
 //   GET  /api/interlocks                   the interlock overview
 //   GET  /api/log?after=N&limit=M          log records after sequence number N
+//   /api/login, /api/logout, /api/session, /api/users, /api/tokens: WebAccess
 //   GET  anything else                     a file of the document root
-// HEAD is answered like GET without the body. Other methods get 405.
+// HEAD is answered like GET without the body. Other methods get 405 with
+// Allow. A write (PUT or POST) must come from the instrument's own page
+// (OriginPolicy) and is made as the caller the request's session cookie or
+// token names (anonymous without one).
 #include <string>
 #include <string_view>
 #include <utility>
@@ -24,12 +28,18 @@
 
 class Root;
 class DocumentRoot;
+class WebAccess;
 
 struct HttpRequestView {
   std::string_view method;  // "GET", "PUT", ...
   std::string_view target;  // as sent: "/io/pulse/count.json?x=1"
   std::string_view body;
-  std::string_view client;  // the peer's address, for the log
+  std::string_view client;  // the peer's address and port, for the log
+  // Headers that say who asks and from which page (empty when not sent).
+  std::string_view host;
+  std::string_view origin;
+  std::string_view cookie;
+  std::string_view authorization;
 };
 
 struct HttpReply {
@@ -37,7 +47,9 @@ struct HttpReply {
   std::string_view content_type = "text/plain";
   std::string_view cache_control = "no-store";
   std::string body;
-  std::string error;  // sent as X-Zel-Error when not empty
+  std::string error;       // sent as X-Zel-Error when not empty
+  std::string_view allow;  // sent as Allow (with 405) when not empty
+  std::string set_cookie;  // sent as Set-Cookie when not empty
 };
 
 class HttpRouter {
@@ -47,7 +59,8 @@ class HttpRouter {
   static constexpr std::string_view kFileNotFound = "File not found";
   static constexpr int kDefaultLogLimit = 200;
 
-  HttpRouter(Root& root, const DocumentRoot& documents) : root_(root), documents_(documents) {}
+  HttpRouter(Root& root, const DocumentRoot& documents, WebAccess& access)
+      : root_(root), documents_(documents), access_(access) {}
 
   HttpReply answer(const HttpRequestView& request) const;
 
@@ -65,4 +78,5 @@ class HttpRouter {
   // the whole tree a thousand times a second costs five descriptions.
   static constexpr std::chrono::milliseconds kTreeDescriptionAge{200};
   mutable RecentTexts tree_descriptions_{kTreeDescriptionAge, 64};
+  WebAccess& access_;
 };

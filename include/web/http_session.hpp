@@ -3,7 +3,8 @@
 // and body size, a time-out per read and write, "100 Continue" to a client
 // that expects it), answers them through the router in order through its
 // HttpWorkQueue, and hands the connection to a new WebsocketSession when a
-// request asks for the upgrade. Runs on the connection's strand.
+// request asks for the upgrade, once the replies to the requests before it
+// are written. Runs on the connection's strand.
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,6 +14,7 @@
 #include <boost/beast/http/string_body.hpp>
 
 #include "web/connection_gate.hpp"
+#include "web/http_router.hpp"
 #include "web/http_work_queue.hpp"
 #include "web/web_stream.hpp"
 
@@ -33,6 +35,11 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   // After the header: answers "Expect: 100-continue", then reads the body.
   void on_header(boost::beast::error_code ec, size_t bytes);
   void on_read(boost::beast::error_code ec, size_t bytes);
+  using Request = boost::beast::http::request<boost::beast::http::string_body>;
+  // Hands the connection to a WebsocketSession with the request just read,
+  // when the request comes from the instrument's own page.
+  void upgrade();
+  HttpRequestView view_of(const Request& request) const;
   // Answers a request that could not be read whole, then closes.
   void refuse(unsigned status, std::string_view text);
   // Refuses a request that ran into `limit`, logged once per client and interval.
@@ -51,4 +58,6 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   std::string address_;
   bool closing_ = false;  // no more reads: the last reply closes the connection
   bool reading_ = false;  // a request is being read
+  bool upgrade_waiting_ = false;  // an upgrade waits for the replies before it
+  std::string client_;            // the peer's address and port
 };

@@ -7,7 +7,8 @@
 // nodes),"fields":[...],"buttons":[...],"attributes":{...}}, an IO also
 // "value" (its value field), and "children":[...] while depth lasts.
 // A field or button: {"name","path","kind":"field"|"button","type" (value
-// type),"label","detail","units","readonly","confirm","value","stamp"}, and
+// type),"label","detail","units","readonly","role" (needed to write it),
+// "confirm","value","stamp"}, and
 // "choices":[{"value","label"},...] for a selection.
 #include <string>
 

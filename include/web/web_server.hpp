@@ -13,7 +13,15 @@
 // "http_header_max", "http_buffer_max", "http_pipeline_max",
 // "http_output_max", "http_output_total_max", "socket_send_buffer", "websocket_message_max", "subscriptions_max",
 // "connections_max", "connections_per_address_max"; each shows its value).
+// Who may do what (WebAccess, docs/users.md): "anonymous_write" (default
+// false), "allowed_hosts" and "allowed_origins" (lists, separated by commas or
+// spaces), "session_timeout" (idle seconds, default 1800). All of them are
+// the configuration's alone: no client can change them.
 // Fields for clients: "port", "http_sessions", "websocket_sessions".
+//
+// It reads the users file ("<data root>/config/users") when it starts; on
+// the first start, without one, it creates the user "admin" with a random
+// password and shows both, once, on the console with the page's address.
 //
 // It listens from start() to stop0, which closes every connection; the
 // sessions are gone before the tree is.
@@ -23,6 +31,7 @@
 #include "core/component.hpp"
 
 struct WebLimits;
+class WebAccess;
 
 class WebServer : public Component {
  public:
@@ -34,6 +43,8 @@ class WebServer : public Component {
 
   // The port being listened on; 0 when not listening.
   uint16_t port() const;
+  // Who may do what; only while listening.
+  WebAccess& access() const;
 
  private:
   struct Running;
@@ -44,11 +55,18 @@ class WebServer : public Component {
   void shut_down();
   // The limits as the settings give them; unset settings show the default.
   WebLimits limits();
+  // Who may do what, from the settings and the users file.
+  std::shared_ptr<WebAccess> make_access() const;
+  void announce_first_start(const std::string& password) const;
 
   ValueField<int>& port_;
   ValueField<std::string>& address_;
   ValueField<int>& threads_;
   ValueField<double>& push_spacing_;
+  ValueField<bool>& anonymous_write_;
+  ValueField<std::string>& allowed_hosts_;
+  ValueField<std::string>& allowed_origins_;
+  ValueField<int>& session_timeout_;
   ValueField<unsigned int>& http_sessions_;
   ValueField<unsigned int>& websocket_sessions_;
   std::vector<LimitSetting> limit_settings_;

@@ -1,6 +1,7 @@
 #pragma once
 // WebShared: what the sessions of one web server share: the tree, the request
-// router over the document root, the limits, and the bookkeeping of live
+// router over the document root, who may do what (WebAccess), the limits,
+// and the bookkeeping of live
 // sessions. The server cuts every WebSocket session's push trigger when it
 // stops, so no tree thread posts into a server that is going away.
 #include <atomic>
@@ -16,6 +17,7 @@
 #include "web/document_root.hpp"
 #include "web/http_router.hpp"
 #include "web/push_trigger.hpp"
+#include "web/web_access.hpp"
 
 class Root;
 
@@ -54,9 +56,11 @@ class WebShared {
     ValueField<unsigned int>* websocket_sessions = nullptr;
   };
 
-  WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters);
+  WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters,
+            std::shared_ptr<WebAccess> access);
 
   Root& root() const { return root_; }
+  WebAccess& access() const { return *access_; }
   const HttpRouter& router() const { return router_; }
   const WebLimits& limits() const { return limits_; }
   ConnectionGate& gate() const { return *gate_; }
@@ -89,6 +93,7 @@ class WebShared {
   void publish(ValueField<unsigned int>* field, size_t count);
 
   Root& root_;
+  std::shared_ptr<WebAccess> access_;
   DocumentRoot documents_;
   HttpRouter router_;
   WebLimits limits_;

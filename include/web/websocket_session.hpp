@@ -30,10 +30,18 @@ class WebShared;
 class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
  public:
   using Request = boost::beast::http::request<boost::beast::http::string_body>;
+  // What the upgrade request said about its sender; looked up again on every
+  // set, so a logout, an expiry or a revoked token takes effect at once.
+  struct Credentials {
+    std::string cookie;
+    std::string authorization;
+    std::string from;
+  };
 
   // `slot`: the connection's place among those the server admits, taken
   // over from the HTTP session that upgraded it.
-  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot = {});
+  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, Credentials credentials,
+                   ConnectionGate::Slot slot = {});
   ~WebsocketSession();
 
   // Completes the upgrade that `request` asked for; on the connection's strand.
@@ -55,6 +63,7 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<WebShared> shared_;
   std::shared_ptr<PushTrigger> trigger_;
+  Credentials credentials_;
   ClientProtocol protocol_;
   uint64_t registration_ = 0;
   ConnectionGate::Slot slot_;

@@ -8,6 +8,8 @@ ZEL_REGISTER_NODE("admin_manager", AdminManager);
 AdminManager::AdminManager(const VTree& config) : Component(config) {
   add_lifecycle_buttons();
   describe("Administration", "Stop, restart, reboot and update the instrument.", "settings");
+  // Everything beneath it acts on the whole instrument.
+  set_default("permissions", std::string("admin"));
   add_node<StoreManager>(config, "store_manager");
 }
 

@@ -2,8 +2,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <iterator>
 #include <mutex>
 #include <vector>
 
@@ -30,6 +32,25 @@ LogState& state() {
 }
 
 thread_local bool in_sink = false;
+
+// A record is one line: control characters in its text (which may carry what
+// a client sent) are written as escapes, so no text can end a line and forge
+// the next one.
+void escape_controls(std::string& text) {
+  auto is_control = [](unsigned char c) { return c < 0x20 || c == 0x7f; };
+  if (std::none_of(text.begin(), text.end(), [&](char c) { return is_control(c); })) return;
+  std::string out;
+  out.reserve(text.size() + 16);
+  for (char ch : text) {
+    auto c = static_cast<unsigned char>(ch);
+    if (!is_control(c)) out.push_back(ch);
+    else if (c == '\n') out.append("\\n");
+    else if (c == '\r') out.append("\\r");
+    else if (c == '\t') out.append("\\t");
+    else fmt::format_to(std::back_inserter(out), "\\x{:02x}", c);
+  }
+  text = std::move(out);
+}
 
 }  // namespace
 
@@ -81,6 +102,7 @@ void Log::write(LogLevel level, std::string_view source, int line, std::string t
     deliver(s, note);
   }
   if (!admitted) return;
+  escape_controls(text);
   LogRecord record{level, source, line, std::move(text), stamp};
   deliver(s, record);
 }

@@ -272,9 +272,10 @@ const fuse_lowlevel_ops kOperations = [] {
 fuse_session* new_session(FileSystemHandler& handler) {
   fuse_args args = FUSE_ARGS_INIT(0, nullptr);
   std::string options = "fsname=zel,subtype=zel";
-  // Every process on the instrument may use the files; only root may say so
-  // without /etc/fuse.conf's consent.
-  if (geteuid() == 0) options += ",allow_other";
+  // Every process on the instrument may read the files; only root may say so
+  // without /etc/fuse.conf's consent. The kernel checks each access against
+  // the files' modes, so only the program's own user writes.
+  if (geteuid() == 0) options += ",allow_other,default_permissions";
   fuse_session* se = nullptr;
   if (fuse_opt_add_arg(&args, "zel") == 0 && fuse_opt_add_arg(&args, "-o") == 0 &&
       fuse_opt_add_arg(&args, options.c_str()) == 0)

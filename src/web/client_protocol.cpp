@@ -25,8 +25,9 @@ FieldBase* field_at(Vertex& tree, const std::string& path) {
 
 }  // namespace
 
-ClientProtocol::ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions)
-    : tree_(tree), trigger_(std::move(trigger)), max_subscriptions_(max_subscriptions) {
+ClientProtocol::ClientProtocol(Vertex& tree, std::shared_ptr<PushTrigger> trigger, size_t max_subscriptions,
+                               CallerOf caller)
+    : tree_(tree), trigger_(std::move(trigger)), max_subscriptions_(max_subscriptions), caller_(std::move(caller)) {
   handlers_.emplace("subscribe", [this](std::string_view data) { subscribe(data); });
   handlers_.emplace("set", [this](std::string_view data) { set(data); });
   handlers_.emplace("unsubscribe", [this](std::string_view data) { unsubscribe(data); });
@@ -117,7 +118,9 @@ void ClientProtocol::set(std::string_view data) {
     problem("WebSocket '{}' data is not an object: {}", "set", shown(data));
     return;
   }
-  Caller caller{WriteSource::WebSocket, client_};
+  // Asked anew for every message: a logout or a revoked token counts at once.
+  auto web = caller_();
+  auto caller = web.for_write(WriteSource::WebSocket);
   for (auto& [path, value] : members.items()) {
     auto answer = WritePath::write(tree_, {caller, path, value.dump()});
     if (answer.ok()) continue;

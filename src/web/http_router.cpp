@@ -11,6 +11,7 @@
 #include "core/write_path.hpp"
 #include "web/field_access.hpp"
 #include "web/tree_description.hpp"
+#include "web/web_access.hpp"
 
 namespace {
 
@@ -77,9 +78,15 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   auto target = request.target;
   bool read = request.method == "GET" || request.method == "HEAD";
   bool write = request.method == "PUT" || request.method == "POST";
+  std::string_view allow = "GET, HEAD";
+  if (auto reply = access_.answer(request)) return std::move(*reply);
   if (has_prefix_segment(target, "/io")) {
     if (read) return read_tree(target);
-    if (write) return set_field(request);
+    if (write) {
+      if (auto refused = access_.refuse_foreign(request)) return std::move(*refused);
+      return set_field(request);
+    }
+    allow = "GET, HEAD, PUT, POST";
   } else if (read) {
     if (has_prefix_segment(target, "/api/tree")) return describe_tree(target);
     if (has_prefix_segment(target, "/api/interlocks")) return interlocks();
@@ -88,7 +95,9 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
     return document(target);
   }
   ZEL_ERROR("HTTP method {} is not allowed for '{}'", request.method.substr(0, 20), target.substr(0, 200));
-  return text_reply(405, "Method not allowed");
+  auto reply = text_reply(405, "Method not allowed");
+  reply.allow = allow;
+  return reply;
 }
 
 HttpReply HttpRouter::read_tree(std::string_view target) const {
@@ -106,12 +115,15 @@ HttpReply HttpRouter::set_field(const HttpRequestView& request) const {
     reply.error = "The target names no field.";
     return reply;
   }
-  auto answer = WritePath::write(root_, {{WriteSource::Http, request.client}, *path, request.body});
+  auto caller = access_.caller_of(request);
+  auto answer = WritePath::write(root_, {caller.for_write(WriteSource::Http), *path, request.body});
   if (answer.ok()) {
     reply.body = kSuccess;
     return reply;
   }
-  reply.status = answer.http_status();
+  // Refused for want of a login: 401 tells a script to log in first.
+  bool login_wanted = answer.status == WriteStatus::Denied && caller.role == Role::Anonymous;
+  reply.status = login_wanted ? 401 : answer.http_status();
   reply.error = std::move(answer.reason);
   return reply;
 }

@@ -28,6 +28,8 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
   response.set(http::field::content_type, reply.content_type);
   response.set(http::field::cache_control, reply.cache_control);
   if (!reply.error.empty()) response.set("X-Zel-Error", reply.error);
+  if (!reply.allow.empty()) response.set(http::field::allow, reply.allow);
+  if (!reply.set_cookie.empty()) response.set(http::field::set_cookie, reply.set_cookie);
   response.keep_alive(keep_alive);
   response.content_length(reply.body.size());
   // A reply to HEAD announces the length of the body it leaves out.
@@ -45,6 +47,12 @@ HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> share
       queue_(shared_->limits().http_pipeline_max, shared_->limits().http_output_max),
       slot_(std::move(slot)),
       address_(std::move(address)) {
+  beast::error_code ec;
+  auto remote = stream_.socket().remote_endpoint(ec);
+  auto peer = remote.address();
+  client_ = ec ? std::string("an unknown address")
+          : peer.is_v6() ? fmt::format("[{}]:{}", peer.to_string(), remote.port())
+                         : fmt::format("{}:{}", peer.to_string(), remote.port());
   shared_->http_opened();
 }
 
@@ -92,19 +100,41 @@ void HTTPSession::on_read(beast::error_code ec, size_t) {
 
   auto& request = parser_->get();
   if (beast::websocket::is_upgrade(request)) {
-    stream_.expires_never();
-    std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(slot_))->run(parser_->release());
+    // The connection changes protocol only once every reply before it is on
+    // the wire; until then nothing more is read.
+    upgrade_waiting_ = true;
+    if (queue_.empty()) upgrade();
     return;
   }
-  beast::error_code peer_error;
-  auto peer = stream_.socket().remote_endpoint(peer_error);
-  std::string client = peer_error ? std::string() : peer.address().to_string() + ":" + std::to_string(peer.port());
-  HttpRequestView view{request.method_string(), request.target(), request.body(), client};
-  auto reply = shared_->router().answer(view);
+  auto reply = shared_->router().answer(view_of(request));
   if (!shared_->room_for_output(reply.body.size())) return refuse_breach(503, "output", "Server busy");
   queue_reply(make_response(request.version(), request.keep_alive(), std::move(reply),
                             request.method() == http::verb::head));
   if (!queue_.full()) do_read();
+}
+
+void HTTPSession::upgrade() {
+  upgrade_waiting_ = false;
+  auto& request = parser_->get();
+  // A page of another site must not drive the live protocol with the
+  // browser's credentials, nor read it through a rebound host name.
+  if (auto refused = shared_->access().refuse_foreign(view_of(request))) return refuse(403, refused->error);
+  WebsocketSession::Credentials credentials{std::string(request[http::field::cookie]),
+                                            std::string(request[http::field::authorization]), client_};
+  stream_.expires_never();
+  std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(credentials), std::move(slot_))
+      ->run(parser_->release());
+}
+
+HttpRequestView HTTPSession::view_of(const Request& request) const {
+  return {request.method_string(),
+          request.target(),
+          request.body(),
+          client_,
+          request[http::field::host],
+          request[http::field::origin],
+          request[http::field::cookie],
+          request[http::field::authorization]};
 }
 
 void HTTPSession::refuse(unsigned status, std::string_view text) {
@@ -140,8 +170,9 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
   bool was_full = queue_.pop_written();
   if (close) return do_close();
   if (!queue_.empty()) do_write();
+  else if (upgrade_waiting_) return upgrade();
   // An interim answer may have filled the queue while the body is still read.
-  if (was_full && !closing_ && !reading_) do_read();
+  if (was_full && !closing_ && !reading_ && !upgrade_waiting_) do_read();
 }
 
 void HTTPSession::do_close() {

@@ -8,6 +8,7 @@
 #include "core/io/interlock_manager.hpp"
 #include "core/io/io.hpp"
 #include "core/node.hpp"
+#include "core/permissions.hpp"
 #include "web/field_access.hpp"
 
 namespace {
@@ -50,6 +51,7 @@ json describe_field(const FieldBase& field) {
       {"detail", attributes ? attributes->detail : ""},
       {"units", attributes ? attributes->units : ""},
       {"readonly", FieldAccess::read_only_for_users(field)},
+      {"role", to_string(Permissions::needed_for(field))},
       {"confirm", (attributes && attributes->confirm) || (button && node_asks_confirmation(owner))},
       {"value", value_of(field)},
       {"stamp", field.stamp()},

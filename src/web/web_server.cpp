@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdio>
 #include <thread>
 
 #include <boost/asio/ip/address.hpp>
@@ -14,6 +15,7 @@
 #include "std/paths.hpp"
 #include "std/process_limits.hpp"
 #include "web/web_listener.hpp"
+#include "web/web_access.hpp"
 #include "web/web_shared.hpp"
 
 ZEL_REGISTER_NODE("web_server", WebServer);
@@ -66,15 +68,20 @@ WebServer::WebServer(const VTree& config)
       address_(add_setting<ValueField<std::string>>(config, "address")),
       threads_(add_setting<ValueField<int>>(config, "threads")),
       push_spacing_(add_setting<ValueField<double>>(config, "push_spacing")),
+      anonymous_write_(add_setting<ValueField<bool>>(config, "anonymous_write")),
+      allowed_hosts_(add_setting<ValueField<std::string>>(config, "allowed_hosts")),
+      allowed_origins_(add_setting<ValueField<std::string>>(config, "allowed_origins")),
+      session_timeout_(add_setting<ValueField<int>>(config, "session_timeout")),
       http_sessions_(client_field<unsigned int>(*this, "http_sessions")),
       websocket_sessions_(client_field<unsigned int>(*this, "websocket_sessions")) {
   describe("Web Server", "Services HTTP and WebSocket requests for the system.", "applications");
   set_default("hidden", false);
-  port_.set_readonly(true);
-  address_.set_readonly(true);
-  threads_.set_readonly(true);
-  push_spacing_.set_readonly(true);
+  for (FieldBase* setting : std::initializer_list<FieldBase*>{&port_, &address_, &threads_, &push_spacing_,
+                                                              &anonymous_write_, &allowed_hosts_, &allowed_origins_,
+                                                              &session_timeout_})
+    setting->set_readonly(true);
   push_spacing_.attributes_for_update().units = "ms";
+  if (!session_timeout_.assigned()) session_timeout_.set(1800);
   if (!address_.assigned()) address_.set("0.0.0.0");
   if (!threads_.assigned()) threads_.set(default_threads());
   if (!push_spacing_.assigned())
@@ -112,6 +119,8 @@ WebServer::~WebServer() { shut_down(); }
 
 uint16_t WebServer::port() const { return running_ && running_->listener ? running_->listener->port() : 0; }
 
+WebAccess& WebServer::access() const { return running_->shared->access(); }
+
 void WebServer::start() {
   Component::start();
   if (running_) return;
@@ -129,8 +138,11 @@ void WebServer::start() {
   raise_open_file_limit();
 
   auto running = std::make_unique<Running>();
+  auto access = make_access();
+  std::string first_password;
+  access->users().load(&first_password);
   running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), limits(),
-                                                WebShared::Counters{&http_sessions_, &websocket_sessions_});
+                                                WebShared::Counters{&http_sessions_, &websocket_sessions_}, access);
   int threads = std::clamp(threads_.get(), 1, 64);
   std::vector<net::io_context*> ios;
   for (int i = 0; i < threads; ++i) {
@@ -148,9 +160,34 @@ void WebServer::start() {
     seen = gate->closed();
     give_back_free_memory();
   });
+  if (!first_password.empty()) announce_first_start(first_password);
   for (auto& context : running->contexts) context->start_context();
   net::post(*ios.front(), [listener = running->listener] { listener->run(); });
   running_ = std::move(running);
+}
+
+std::shared_ptr<WebAccess> WebServer::make_access() const {
+  WebAccessSettings settings;
+  settings.anonymous_write = anonymous_write_.get();
+  settings.allowed_hosts = OriginPolicy::list(allowed_hosts_.get());
+  settings.allowed_origins = OriginPolicy::list(allowed_origins_.get());
+  settings.session_idle = std::chrono::seconds(std::max(1, session_timeout_.get()));
+  return std::make_shared<WebAccess>(Paths::config_dir() + "users", std::move(settings));
+}
+
+// The password goes to the console only: the log is readable by every
+// client of the page, the console only by whoever started the program.
+void WebServer::announce_first_start(const std::string& password) const {
+  auto host = address_.get() == "0.0.0.0" || address_.get() == "::" ? std::string("localhost") : address_.get();
+  auto url = fmt::format("http://{}:{}/", host, port_.get());
+  auto banner = fmt::format(
+      "\nFirst start: the user 'admin' was created with the password '{}'.\n"
+      "Log in at {} and keep the password; it is not shown again.\n\n",
+      password, url);
+  std::fwrite(banner.data(), 1, banner.size(), stdout);
+  std::fflush(stdout);
+  ZEL_EVENT("First start: the user 'admin' was created; its password is shown once on the console. Log in at {}",
+            url);
 }
 
 void WebServer::stop(StopStage stage) {

@@ -2,9 +2,10 @@
 
 #include "core/root.hpp"
 
-WebShared::WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters)
-    : root_(root), documents_(std::move(document_dir)), router_(root, documents_), limits_(limits),
-      counters_(counters),
+WebShared::WebShared(Root& root, std::string document_dir, WebLimits limits, Counters counters,
+                     std::shared_ptr<WebAccess> access)
+    : root_(root), access_(std::move(access)), documents_(std::move(document_dir)),
+      router_(root, documents_, *access_), limits_(limits), counters_(counters),
       gate_(std::make_shared<ConnectionGate>(limits.connections_max, limits.connections_per_address_max)),
       breaches_(limits.breach_log_interval) {}
 

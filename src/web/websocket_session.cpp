@@ -36,17 +36,18 @@ bool is_disconnect(const beast::error_code& ec) {
 
 }  // namespace
 
-WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot)
+WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, Credentials credentials,
+                                   ConnectionGate::Slot slot)
     : ws_(std::move(socket)),
       shared_(std::move(shared)),
       trigger_(std::make_shared<PushTrigger>()),
-      protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max),
+      credentials_(std::move(credentials)),
+      protocol_(shared_->root(), trigger_, shared_->limits().subscriptions_max,
+                [this] { return shared_->access().caller_of(credentials_.cookie, credentials_.authorization,
+                                                            credentials_.from); }),
       slot_(std::move(slot)),
       rounds_(boost::asio::use_service<PushRounds>(ws_.get_executor().get_inner_executor().context())) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
-  beast::error_code ec;
-  auto peer = ws_.next_layer().socket().remote_endpoint(ec);
-  if (!ec) protocol_.set_client(peer.address().to_string() + ":" + std::to_string(peer.port()));
 }
 
 WebsocketSession::~WebsocketSession() {

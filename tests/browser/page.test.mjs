@@ -1,6 +1,8 @@
-// The operator page in Debian's Chromium against the real program: it loads,
-// shows live values, sets values and says why a set is refused, presses
-// buttons after asking, colours the interlock overview, and draws I2C chips.
+// The operator page in Debian's Chromium against the real program: the first
+// start's admin logs in, the page shows live values, sets values and says why
+// a set is refused, presses buttons after asking, colours the interlock
+// overview, draws I2C chips, logs out, and a page of another site changes
+// nothing.
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { cpSync, mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
@@ -26,24 +28,28 @@ const CONFIG = `<root label="Browser Test Rig">
     <gauge type="analog_io" label="Gauge" units="mbar" readonly="true" value="1"/>
   </channels>
   <gen type="signal_generator" label="Test signal" enabled="false"/>
-  <interlocks>
-    <door_switch type="digital_io" value="true"/>
-    <door type="digital_interlock_io" label="Door closed" input="interlocks/door_switch" polarity="0"/>
-  </interlocks>
+  <sensors type="component"><door_open type="digital_io" value="false"/></sensors>
+  <interlocks><door type="digital_interlock_io" label="Door closed" input="sensors/door_open"/></interlocks>
   <i2c type="i2c_bus" device="sim">
     <display type="us2066" address="60" lines="2" row_0="Hello" row_1="Rig"><poll rate="20"/></display>
     <port type="pcf8574" address="32" command="15"><poll rate="20"/></port>
   </i2c>
 </root>`;
 
-let dataRoot, profile, zel, base, browser, page;
+let dataRoot, profile, zel, base, browser, page, password, cookie;
 
 function startZel() {
   return new Promise((resolve, reject) => {
     const [program, ...prefix] = [...EMULATOR, BINARY];
     const child = spawn(program, [...prefix, "--config", join(dataRoot, "rig.xml"), "--data-root", dataRoot, "--pid-file",
-      join(dataRoot, "zel.pid"), "--io-mount", "none", "--port", "0"], { stdio: ["ignore", "ignore", "pipe"] });
+      join(dataRoot, "zel.pid"), "--io-mount", "none", "--port", "0"], { stdio: ["ignore", "pipe", "pipe"] });
     let seen = "";
+    let shown = "";
+    child.stdout.on("data", (chunk) => {
+      shown += chunk;
+      const found = /the user 'admin' was created with the password '([^']+)'/.exec(shown);
+      if (found) password = found[1];
+    });
     const timer = setTimeout(() => reject(new Error(`no port in the log:\n${seen}`)), 20000);
     child.stderr.on("data", (chunk) => {
       seen += chunk;
@@ -62,8 +68,15 @@ async function read(path) {
   return JSON.parse(await response.text());
 }
 
+// A script's own session, as the first start's admin.
+async function logIn() {
+  const response = await fetch(`${base}/api/login`, { method: "POST", body: JSON.stringify({ user: "admin", password }) });
+  assert.equal(response.status, 200);
+  cookie = response.headers.get("set-cookie").split(";")[0];
+}
+
 async function put(path, text) {
-  const response = await fetch(`${base}/io/${path}`, { method: "PUT", body: text });
+  const response = await fetch(`${base}/io/${path}`, { method: "PUT", body: text, headers: { cookie } });
   assert.equal(await response.text(), '{"status":"success"}');
 }
 
@@ -82,6 +95,14 @@ async function treeHas(path, expected, timeout = 5000) {
 const valueOf = (path) => page.locator(`.value[data-path="${path}"]`).first();
 const rowOf = (path) => page.locator(`.row[data-path="${path}"]`);
 
+async function waitFor(condition, what, timeout = 5000) {
+  const deadline = Date.now() + timeout;
+  while (!condition()) {
+    if (Date.now() > deadline) throw new Error(`no ${what}`);
+    await new Promise((r) => setTimeout(r, 20));
+  }
+}
+
 async function shows(locator, text) {
   await locator.filter({ hasText: text }).first().waitFor({ timeout: 5000 });
 }
@@ -94,6 +115,8 @@ before(async () => {
   const started = await startZel();
   zel = started.child;
   base = `http://127.0.0.1:${started.port}`;
+  await waitFor(() => password, "the first start's password on the console");
+  await logIn();
   browser = await chromium.launchPersistentContext(profile, {
     executablePath: "/usr/bin/chromium",
     headless: true,
@@ -123,10 +146,20 @@ after(async () => {
   rmSync(profile, { recursive: true, force: true });
 });
 
-test("the page loads and shows the instrument live", async () => {
+test("the first start's admin logs in on the page", async () => {
   await page.goto(`${base}/`);
   await page.locator("#connection.live").waitFor();
   assert.equal(await page.locator("#instrument").textContent(), "Browser Test Rig");
+  await shows(page.locator("#login"), "read only");
+  await page.locator("#login button").click();
+  const dialog = page.locator("#login-dialog");
+  await dialog.locator('input[name="user"]').fill("admin");
+  await dialog.locator('input[name="password"]').fill("wrong");
+  await dialog.locator("#login-submit").click();
+  await shows(dialog.locator(".login-error"), "Wrong user name or password");
+  await dialog.locator('input[name="password"]').fill(password);
+  await dialog.locator("#login-submit").click();
+  await shows(page.locator("#login"), "admin (admin)");
   await page.locator('.tree-link[href="#/channels"]').click();
   await shows(page.locator("h1"), "Channels");
   await shows(valueOf("channels/temperature/value"), "21.5");
@@ -193,14 +226,7 @@ test("the interlock overview follows each interlock's colour", async () => {
   const tile = page.locator('.tile[data-path="interlocks/door"]');
   await shows(tile, "OK");
   await shows(page.locator("#interlock-summary"), "Interlocks: OK");
-  // The door opens: its interlock trips and turns red.
-  await page.evaluate(() => new Promise((resolve) => {
-    const socket = new WebSocket(`ws://${location.host}/`);
-    socket.onopen = () => {
-      socket.send(JSON.stringify({ event: "set", data: { "interlocks/door_switch/value": false } }));
-      setTimeout(() => { socket.close(); resolve(); }, 100);
-    };
-  }));
+  await put("sensors/door_open", "true");
   await shows(tile, "TRIPPED");
   await shows(page.locator("#interlock-summary"), "Interlocks: TRIPPED");
   assert.equal(await tile.getAttribute("data-color"), "red");
@@ -219,4 +245,28 @@ test("a chip's panel draws its display and shows its fault while it does not ans
   await shows(page.locator(".chip-fault.raised"), "I2C read failure: readState()");
   await put("i2c/simulation/port/answering", "true");
   await shows(page.locator(".chip-fault:not(.raised)"), "Answering");
+});
+
+test("after logout the page only reads, and a page of another site changes nothing", async () => {
+  await page.goto(`${base}/#/channels`);
+  await page.locator("#login button", { hasText: "Log out" }).click();
+  await shows(page.locator("#login"), "read only");
+  const row = rowOf("channels/temperature/value");
+  await row.locator("input").fill("55");
+  await row.locator("button.set").click();
+  await shows(row.locator(".row-error"), "Log in to change");
+
+  const before = await read("channels/temperature/value");
+  await page.route("http://foreign.test/**", (route) => route.fulfill({ contentType: "text/html", body: "<p>elsewhere</p>" }));
+  await page.goto("http://foreign.test/");
+  const socketOpened = await page.evaluate(async (target) => {
+    await fetch(`${target}/io/channels/temperature`, { method: "POST", mode: "no-cors", body: "99" }).catch(() => {});
+    return new Promise((resolve) => {
+      const socket = new WebSocket(target.replace("http", "ws") + "/");
+      socket.onopen = () => resolve(true);
+      socket.onerror = () => resolve(false);
+    });
+  }, base);
+  assert.equal(socketOpened, false, "no WebSocket for a foreign page");
+  assert.deepEqual(await read("channels/temperature/value"), before);
 });

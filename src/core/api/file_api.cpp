@@ -9,7 +9,8 @@
 #include "core/write_path.hpp"
 
 FileAttribute FileAPI::attribute(Vertex* vertex, std::string path) {
-  uint32_t mode = (readable(vertex) ? 0444 : 0) | (writable(vertex) ? 0222 : 0);
+  // Everybody reads; the program's own user (the files' owner) writes.
+  uint32_t mode = (readable(vertex) ? 0444 : 0) | (writable(vertex) ? 0200 : 0);
   mode |= is_directory(vertex) ? S_IFDIR | 0111 : S_IFREG;
   auto now = static_cast<int64_t>(Clock::wall_ns());
   FileAttribute record;
