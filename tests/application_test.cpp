@@ -454,7 +454,7 @@ TEST(ApplicationShutdown, AStopThatHangsBeforeTheStoresStillSavesTheLastValueAnd
   TempDir dir;
   // No save timer: only the stop can write the value.
   configure(dir, R"(<admin><store_manager save_delay="0" hourmeter_period="0"/></admin>
-                    <web_server type="web_server"/><x type="analog_io" store="config" value="1"/>
+                    <web_server type="web_server" anonymous_write="true"/><x type="analog_io" store="config" value="1"/>
                     <slow type="hang_on_destroy" hang_at="stop0" hang_seconds="60"/>)");
   ZelProcess zel(kProgram, ZelProcess::arguments_for(dir));
   ASSERT_TRUE(zel.wait_for("Initialized"));

@@ -35,7 +35,7 @@ class LoadedServer {
     for (int i = 0; i < nodes; ++i) more += "<n" + std::to_string(i) + R"( type="analog_io" units="V" value="0"/>)";
     dir.write("config/system.xml",
               R"(<root><admin><store_manager save_delay="0" hourmeter_period="0"/></admin>)"
-              R"(<web_server type="web_server" )" + limits + R"(/><x type="analog_io" store="config" value="1"/>)"
+              R"(<web_server type="web_server" anonymous_write="true" )" + limits + R"(/><x type="analog_io" store="config" value="1"/>)"
               R"(<big type="string_io" value=")" + std::string(big_bytes, 'b') + R"("/>)" + more + "</root>");
     zel = std::make_unique<ZelProcess>(ZEL_BINARY, ZelProcess::arguments_for(dir));
     port = zel->web_port();

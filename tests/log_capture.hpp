@@ -9,6 +9,7 @@
 class LogCapture {
  public:
   LogCapture() {
+    Log::forget_floods();
     id_ = Log::add_sink([this](const LogRecord& r) {
       std::lock_guard lock(mutex_);
       records_.push_back({r.level, std::string(r.source), r.line, r.text});

@@ -51,6 +51,9 @@ class Log {
 
   // Standard error output (on by default); tests that check stderr keep it.
   static void set_stderr(bool enabled);
+  // Every place may write its burst again (a capture that pins texts starts
+  // with no flood held against it).
+  static void forget_floods();
   // Records below this level of detail are dropped (default Info).
   static void set_level(LogLevel max_level);
   static std::string format_line(const LogRecord& record);

@@ -25,6 +25,8 @@ class LogThrottle {
   // Whether a record from `source`:`line` at `now` is written. Summaries of
   // places whose window has ended are appended to `due`, to be written first.
   bool admit(std::string_view source, int line, std::chrono::nanoseconds now, std::vector<Summary>& due);
+  // Starts every place afresh; counts not yet summarised are dropped.
+  void forget();
 
  private:
   struct Place {

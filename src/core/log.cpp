@@ -122,4 +122,5 @@ void Log::remove_sink(SinkId id) {
 }
 
 void Log::set_stderr(bool enabled) { state().to_stderr = enabled; }
+void Log::forget_floods() { state().throttle.forget(); }
 void Log::set_level(LogLevel max_level) { state().max_level = static_cast<int>(max_level); }

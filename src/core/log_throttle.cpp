@@ -7,6 +7,11 @@ void LogThrottle::close_window(std::pair<const std::pair<std::string_view, int>,
   place.second.suppressed = 0;
 }
 
+void LogThrottle::forget() {
+  std::lock_guard lock(mutex_);
+  places_.clear();
+}
+
 bool LogThrottle::admit(std::string_view source, int line, std::chrono::nanoseconds now, std::vector<Summary>& due) {
   std::lock_guard lock(mutex_);
   // Places that went quiet with records held back get their summary with
