@@ -134,8 +134,8 @@ void BM_FiberLossDetection(benchmark::State& state) {
       }
       tree.permit().user_command().set(true);
       tree.wait([&] { return pump.get(); }, 1);
-      // Unplug at a random phase of the fast-message period.
-      std::this_thread::sleep_for(std::chrono::microseconds(137 * (i % 73)));
+      // Unplug at phases spread over the fast-message period.
+      std::this_thread::sleep_for(std::chrono::microseconds(100000 + (i * 7919) % 100000));
       auto t0 = std::chrono::steady_clock::now();
       tree.model().set_plugged(1, false);
       if (!tree.wait([&] { return !pump.get(); }, 5)) {
