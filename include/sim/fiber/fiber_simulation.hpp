@@ -4,8 +4,9 @@
 // "pru_simulation") a LoopModel as the firmware of its fiber program, with
 // the modules at the addresses of `modules` ("1 2 3"). `unplugged` lists the
 // addresses of modules pulled off the loop (write "2" to unplug module 2,
-// "" to plug all back); the buttons ask for faults in the next slow reply or
-// for line noise.
+// "" to plug all back); `loopback` puts a loopback plug in place of the
+// modules; the buttons ask for faults in the next slow reply or for line
+// noise.
 #include <memory>
 
 #include "core/component.hpp"
@@ -26,6 +27,7 @@ class FiberSimulation : public Component {
   ValueField<std::string>& simulation_;
   ValueField<std::string>& modules_;
   ValueField<std::string>& unplugged_;
+  ValueField<bool>& loopback_;
   ValueField<unsigned long long>& replies_;
   std::vector<uint8_t> addresses_;
   std::shared_ptr<LoopModel> model_;

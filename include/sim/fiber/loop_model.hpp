@@ -15,7 +15,7 @@
 // Faults on request: a module unplugged and plugged back; the next slow
 // reply with a bad checksum, status 0x40 or 0x04, or cut short (length 0,
 // no payload); line noise (stray bytes, a byte with the UART's noise flag
-// and a broken frame).
+// and a broken frame); a loopback plug.
 #include <atomic>
 #include <cstdint>
 #include <vector>
@@ -44,6 +44,9 @@ class LoopModel {
     fault_ = static_cast<int>(fault);
   }
   void add_noise() { noise_ = true; }
+  // A loopback plug in place of the modules: every byte sent comes back as
+  // it was sent, and no module answers.
+  void set_loopback(bool on) { loopback_ = on; }
 
   uint64_t replies() const { return replies_; }
   uint64_t fast_messages() const { return fast_messages_; }
@@ -60,6 +63,7 @@ class LoopModel {
   std::atomic<int> fault_{0};
   std::atomic<uint8_t> fault_address_{kAnyModule};
   std::atomic<bool> noise_{false};
+  std::atomic<bool> loopback_{false};
   std::atomic<uint64_t> replies_{0};
   std::atomic<uint64_t> fast_messages_{0};
   uint32_t sessions_[32] = {};

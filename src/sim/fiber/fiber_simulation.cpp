@@ -1,5 +1,6 @@
 #include "sim/fiber/fiber_simulation.hpp"
 
+#include <algorithm>
 #include <sstream>
 
 #include "core/log.hpp"
@@ -25,6 +26,7 @@ FiberSimulation::FiberSimulation(const VTree& config)
       simulation_(add_setting<ValueField<std::string>>(config, "simulation")),
       modules_(add_setting<ValueField<std::string>>(config, "modules")),
       unplugged_(add_setting<ValueField<std::string>>(config, "unplugged")),
+      loopback_(add_setting<ValueField<bool>>(config, "loopback")),
       replies_(add<ValueField<unsigned long long>>("replies")) {
   describe("Fiber loop simulation", "Simulated modules on the fiber loop of a simulated PRU, with faults on request.",
            "chip");
@@ -39,6 +41,10 @@ FiberSimulation::FiberSimulation(const VTree& config)
   model_ = std::make_shared<LoopModel>(addresses_of(modules_.get()));
   unplugged_.listen([this] { apply_unplugged(); });
   apply_unplugged();
+  if (!loopback_.assigned()) loopback_.set(false);
+  loopback_.attributes_for_update().detail = "A loopback plug in place of the modules.";
+  loopback_.listen([this] { model_->set_loopback(loopback_.get()); });
+  model_->set_loopback(loopback_.get());
   using F = LoopModel::Fault;
   add<ButtonField>("bad_checksum_button", "Bad checksum", [this] { model_->inject(F::BadChecksum); });
   add<ButtonField>("status_error_button", "Status 0x40", [this] { model_->inject(F::StatusError); });
