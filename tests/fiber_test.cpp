@@ -13,6 +13,7 @@
 #include "fiber/avocet_slave.hpp"
 #include "fiber/fiber_loop.hpp"
 #include "fiber/frame_decoder.hpp"
+#include "fiber/high_level_fiber_message.hpp"
 #include "fiber/transmit_ring.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
@@ -95,6 +96,13 @@ TEST(FiberFrame, ValidOnlyFromFourBytesWithTheStoredTwosComplementSum) {
   EXPECT_EQ(message(3, {0x10, 0xF0, 0xFF}).dump_bytes(), "10 f0 ff ");
 }
 
+TEST(FiberFrame, TypedCommandsAreACommandByteAndLittleEndianArguments) {
+  EXPECT_EQ((HighLevelFiberCommandArg1<float>{0x03, 0.1f}.bytes()), (std::vector<uint8_t>{0x03, 0xCD, 0xCC, 0xCC, 0x3D}));
+  EXPECT_EQ((HighLevelFiberCommandArg2<uint8_t, uint8_t>{0x21, 2, 1}.bytes()), (std::vector<uint8_t>{0x21, 2, 1}));
+  EXPECT_EQ((HighLevelFiberCommandArg2<uint8_t, float>{0x22, 3, 1.5f}.bytes()),
+            (std::vector<uint8_t>{0x22, 3, 0x00, 0x00, 0xC0, 0x3F}));
+}
+
 TEST(FiberRing, IndexWrapsAtTheCapacityAndAnIndexBeyondItRestartsAtZeroDroppingOneByte) {
   RingMemory m;
   m.set_index(fl::kCapacity - 2);
@@ -157,20 +165,22 @@ TEST(FiberReceive, FramesAreRebuiltAndNoiseBrokenFramesAndUartErrorsAreCounted) 
 }
 
 // A loop of simulated modules behind a simulated PRU, in one tree as the
-// demo runs them; module 2 sits beneath a permit that drives "pump".
+// demo runs them, beneath a permit that drives "pump". Module 3 is a board
+// of another type, accepted as a developer board.
 class FiberLoopOverModel : public ::testing::Test {
  protected:
   void SetUp() override {
     Paths::set_data_root(dir_.path().string());
     root_ = FormatXML::instance().build(R"(<root>
       <pru_simulation type="pru_simulation" device="pru/s.mem" rate="50"/>
-      <modules type="fiber_simulation" modules="1 2"/>
+      <modules type="fiber_simulation" modules="1 2 3" foreign="3"/>
       <pru type="pru_icss" device="pru/s.mem"><pru0 program="sampler"/><pru1 program="fiber"/></pru>
       <pump type="digital_io" value="false"/>
       <permit type="permit_command_io" output="pump">
         <loop type="fiber_loop" pru="pru" pru_index="1">
           <m1 type="avocet_slave" address="1"/>
           <m2 type="avocet_slave" address="2"/>
+          <m3 type="avocet_slave" address="3" developer_board="true"/>
         </loop>
       </permit></root>)");
     ASSERT_TRUE(root_);
@@ -281,4 +291,19 @@ TEST_F(FiberLoopOverModel, LoopbackTestPassesOverALoopbackPlugAndFailsOverModule
   press.press();
   EXPECT_TRUE(wait_until([&] { return result.get() == "passed"; }));
   EXPECT_TRUE(wait_until([&] { return slave("m1").state() != "running"; })) << "with the plug in, no module answers";
+}
+
+TEST_F(FiberLoopOverModel, AModuleOfAnotherTypeConnectsOnlyAsADeveloperBoard) {
+  LogCapture log;
+  auto& m3 = slave("m3");
+  ASSERT_TRUE(wait_until([&] { return running("m3"); }));
+  EXPECT_EQ(field_of<ValueField<unsigned int>>(m3, "board_id").get(), LoopModel::kForeignBoardId);
+  ASSERT_TRUE(m3.field("developer_board")->set_from_user("false"));
+  model().set_plugged(3, false);
+  ASSERT_TRUE(wait_until([&] { return !running("m3"); }));
+  model().set_plugged(3, true);
+  EXPECT_TRUE(wait_until([&] { return log.contains("Error: m3 is a board 2817 where a board 2684 belongs"); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  EXPECT_FALSE(running("m3"));
+  EXPECT_TRUE(m3.disconnect_interlock().is_error());
 }

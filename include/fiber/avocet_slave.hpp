@@ -29,6 +29,7 @@ class AvocetSlave : public FiberSlave {
  protected:
   std::vector<uint8_t> fast_output() override;
   void fast_input(const uint8_t* payload, size_t length) override;
+  unsigned expected_board_id() const override { return kBoardId; }
 
  private:
   std::array<AnalogIO*, 4> analog_{};

@@ -72,6 +72,9 @@ class FiberSlave : public Component {
   virtual void fast_input(const uint8_t* payload, size_t length) {}
   // Whether fast messages are due at all (the slave type's condition).
   virtual bool fast_condition() const { return state_.get() == "running"; }
+  // The board id a slave type drives; 0 takes any. A module of another
+  // type is not connected unless `developer_board` is set.
+  virtual unsigned expected_board_id() const { return 0; }
 
  private:
   struct Pending {

@@ -195,6 +195,11 @@ void FiberSlave::identify() {
   transmitHighLevelMessage<FiberIdentifyReply>(
       std::vector<uint8_t>{static_cast<uint8_t>(FiberCommand::Identify)}, [this](const FiberIdentifyReply& r) {
         board_id_.set(r.board_id);
+        unsigned expected = expected_board_id();
+        if (expected && r.board_id != expected && !developer_board_.get()) {
+          ZEL_ERROR("{} is a board {} where a board {} belongs", name(), r.board_id, expected);
+          return false;
+        }
         hardware_version_.set(r.hardware_version);
         pic_major_version_.set(r.pic_major_version);
         pic_minor_version_.set(r.pic_minor_version);

@@ -2,7 +2,8 @@
 // FiberSimulation ("fiber_simulation"): modules on a simulated fiber loop.
 // It gives the PRU simulation named by `simulation` (a tree path, default
 // "pru_simulation") a LoopModel as the firmware of its fiber program, with
-// the modules at the addresses of `modules` ("1 2 3"). `unplugged` lists the
+// the modules at the addresses of `modules` ("1 2 3"); those at the
+// addresses of `foreign` identify as a board of another type. `unplugged` lists the
 // addresses of modules pulled off the loop (write "2" to unplug module 2,
 // "" to plug all back); `loopback` puts a loopback plug in place of the
 // modules; the buttons ask for faults in the next slow reply or for line

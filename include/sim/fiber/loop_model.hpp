@@ -29,7 +29,11 @@ class LoopModel {
   enum class Fault : int { None, BadChecksum, StatusError, StatusWarning, ShortReply };
   static constexpr size_t kNoiseBytes = 5;
 
-  explicit LoopModel(std::vector<uint8_t> addresses);
+  // The board id of a module of another type than AvocetSlave.
+  static constexpr uint16_t kForeignBoardId = 0x0B01;
+
+  // Modules at `addresses`; those also in `foreign` identify as kForeignBoardId.
+  explicit LoopModel(std::vector<uint8_t> addresses, std::vector<uint8_t> foreign = {});
 
   // The firmware step (model thread).
   void step(int core, uint8_t* memory, PacketWriter& writer);
@@ -59,6 +63,7 @@ class LoopModel {
   void flush(PacketWriter& writer);
 
   uint32_t present_ = 0;  // address bits
+  uint32_t foreign_ = 0;
   std::atomic<uint32_t> unplugged_{0};
   std::atomic<int> fault_{0};
   std::atomic<uint8_t> fault_address_{kAnyModule};

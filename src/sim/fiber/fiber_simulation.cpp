@@ -38,7 +38,7 @@ FiberSimulation::FiberSimulation(const VTree& config)
   unplugged_.attributes_for_update().detail = "Addresses of the modules pulled off the loop, e.g. \"2\".";
   replies_.set(0);
   replies_.set_readonly(true);
-  model_ = std::make_shared<LoopModel>(addresses_of(modules_.get()));
+  model_ = std::make_shared<LoopModel>(addresses_of(modules_.get()), addresses_of(config.get_or<std::string>("foreign", "")));
   unplugged_.listen([this] { apply_unplugged(); });
   apply_unplugged();
   if (!loopback_.assigned()) loopback_.set(false);

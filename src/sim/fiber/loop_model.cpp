@@ -35,10 +35,12 @@ std::vector<uint8_t> record_payload(const Reply& r) {
 
 }  // namespace
 
-LoopModel::LoopModel(std::vector<uint8_t> addresses)
+LoopModel::LoopModel(std::vector<uint8_t> addresses, std::vector<uint8_t> foreign)
     : decoder_([this](const LowLevelFiberMessage& frame) { answer(frame); }), start_ns_(now_ns()) {
   for (uint8_t a : addresses)
     if (a <= fiber_wire::kAddressMask) present_ |= 1u << a;
+  for (uint8_t a : foreign)
+    if (a <= fiber_wire::kAddressMask) foreign_ |= 1u << a;
 }
 
 void LoopModel::set_plugged(uint8_t address, bool plugged) {
@@ -112,7 +114,7 @@ std::vector<uint8_t> LoopModel::slow_reply(uint8_t address, const std::vector<ui
   switch (static_cast<FiberCommand>(command[0])) {
     case FiberCommand::Identify: {
       FiberIdentifyReply r{};
-      r.board_id = AvocetSlave::kBoardId;
+      r.board_id = (foreign_ & (1u << address)) ? kForeignBoardId : AvocetSlave::kBoardId;
       r.hardware_version = 2;
       r.pic_major_version = 1;
       r.pic_minor_version = 4;
