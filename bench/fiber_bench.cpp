@@ -132,7 +132,7 @@ void BM_FiberLossDetection(benchmark::State& state) {
         state.SkipWithError("module did not connect");
         return;
       }
-      tree.permit().user_command().set(true);
+      tree.permit().context()->post([&] { tree.permit().user_command().set(true); });
       tree.wait([&] { return pump.get(); }, 1);
       // Unplug at phases spread over the fast-message period.
       std::this_thread::sleep_for(std::chrono::microseconds(100000 + (i * 7919) % 100000));

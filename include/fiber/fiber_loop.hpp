@@ -46,7 +46,6 @@ class FiberLoop : public Component {
   void loopback_test();
 
   unsigned repeat() const { return repeat_.get(); }
-  const FiberReceiveCounts& counts() const { return decoder_.counts(); }
   std::string loopback_result() const { return loopback_result_.get(); }
 
  private:

@@ -14,6 +14,7 @@
 // to the loop's `repeat` times when its reply does not come. Replies are
 // checked in steps (checksum, size, status, length, validator) and bad ones
 // logged and dropped, never thrown.
+#include <atomic>
 #include <cstdint>
 #include <cstring>
 #include <deque>
@@ -63,7 +64,7 @@ class FiberSlave : public Component {
   InterlockIO& disconnect_interlock() const { return disconnect_interlock_; }
   unsigned long long disconnect_count() const { return disconnect_count_.get(); }
   unsigned long long slow_message_received() const { return slow_message_received_.get(); }
-  unsigned long long fast_message_count() const { return fast_replies_; }
+  unsigned long long fast_message_count() const { return fast_replies_.load(std::memory_order_relaxed); }
 
  protected:
   // The fast exchange of a slave type: the output block sent, and the input
@@ -129,7 +130,7 @@ class FiberSlave : public Component {
   uint64_t last_identify_ns_ = 0;
   uint64_t state_since_ns_ = 0;
   uint64_t last_status_ns_ = 0;
-  uint64_t fast_replies_ = 0;
+  std::atomic<uint64_t> fast_replies_{0};  // read by other threads
   bool lost_before_ = false;
 };
 
