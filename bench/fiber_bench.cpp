@@ -4,7 +4,6 @@
 // permit's output off; and the CPU of a loop of 31 modules exchanging fast
 // messages, beside the same loop with none.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <chrono>
@@ -22,6 +21,8 @@
 #include "formats/format_xml.hpp"
 #include "sim/fiber/fiber_simulation.hpp"
 #include "std/paths.hpp"
+
+#include "process_cpu.hpp"
 
 namespace {
 
@@ -153,13 +154,6 @@ void BM_FiberLossDetection(benchmark::State& state) {
 }
 BENCHMARK(BM_FiberLossDetection)->Iterations(1)->Unit(benchmark::kSecond)->UseRealTime();
 
-double cpu_seconds() {
-  rusage u{};
-  getrusage(RUSAGE_SELF, &u);
-  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
-}
-
 // Process CPU (host and simulated firmware together) over 5 s of running
 // loop; the run with 0 modules is the comparison.
 void BM_FiberLoopCpu(benchmark::State& state) {
@@ -174,10 +168,10 @@ void BM_FiberLoopCpu(benchmark::State& state) {
   uint64_t fast = 0;
   for (auto _ : state) {
     for (int a = 0; a < modules; ++a) fast -= tree.slave(a).fast_message_count();
-    double c0 = cpu_seconds();
+    double c0 = process_cpu_seconds();
     auto t0 = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(5));
-    cpu = cpu_seconds() - c0;
+    cpu = process_cpu_seconds() - c0;
     wall = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
     for (int a = 0; a < modules; ++a) fast += tree.slave(a).fast_message_count();
   }
