@@ -308,3 +308,21 @@ TEST_F(FiberLoopOverModel, AModuleOfAnotherTypeConnectsOnlyAsADeveloperBoard) {
   EXPECT_FALSE(running("m3"));
   EXPECT_TRUE(m3.disconnect_interlock().is_error());
 }
+
+TEST(FiberLoopReceive, BytesBeyondWhatAStalledLoopHoldsAreDroppedAsOverruns) {
+  auto root = FormatXML::instance().build(R"(<root><loop type="fiber_loop"/></root>)");
+  ASSERT_TRUE(root);
+  auto& loop = at<FiberLoop>(*root, "loop");
+  // Entries of ordinary bytes outside any frame: 0x0011 each.
+  auto entries = [](size_t n) {
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i < n; ++i) bytes.insert(bytes.end(), {0x11, 0x00});
+    return bytes;
+  };
+  auto noise = entries(FiberLoop::kMaxPendingBytes / 2 - 50);
+  loop.receive_bytes(noise);
+  loop.receive_bytes(entries(200));  // does not fit: dropped
+  loop.poll();
+  EXPECT_EQ(field_of<ValueField<unsigned long long>>(loop, "rx_overrun_count").get(), 200u);
+  EXPECT_EQ(field_of<ValueField<unsigned long long>>(loop, "rx_noise_count").get(), noise.size() / 2);
+}

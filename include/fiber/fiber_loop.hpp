@@ -32,6 +32,9 @@ class FiberLoop : public Component {
  public:
   static constexpr uint8_t kLoopbackAddress = 31;
   static constexpr double kLoopbackTimeout = 0.5;
+  // Received bytes waiting for the loop's poll, at most; more (a loop whose
+  // context has stalled) are dropped and counted as overruns.
+  static constexpr size_t kMaxPendingBytes = 256 * 1024;
 
   explicit FiberLoop(const VTree& config);
 
@@ -71,8 +74,10 @@ class FiberLoop : public Component {
   TransmitRing ring_;
   std::mutex received_mutex_;
   std::vector<uint8_t> received_;
+  uint64_t received_dropped_ = 0;  // under received_mutex_
   std::vector<uint8_t> decoding_;
   FrameDecoder decoder_;
+  uint64_t overruns_ = 0;  // entries dropped before decoding
   LowLevelFiberMessage loopback_sent_;
   uint64_t loopback_since_ns_ = 0;
 };

@@ -1,6 +1,7 @@
 #include "fiber/fiber_loop.hpp"
 
 #include <sstream>
+#include <utility>
 
 #include "core/clock.hpp"
 #include "core/log.hpp"
@@ -89,14 +90,21 @@ void FiberLoop::transmit(const LowLevelFiberMessage& message) {
 
 void FiberLoop::receive_bytes(std::span<const uint8_t> bytes) {
   std::lock_guard lock(received_mutex_);
+  if (received_.size() + bytes.size() > kMaxPendingBytes) {
+    received_dropped_ += bytes.size() / 2;
+    return;
+  }
   received_.insert(received_.end(), bytes.begin(), bytes.end());
 }
 
 void FiberLoop::poll() {
+  uint64_t dropped = 0;
   {
     std::lock_guard lock(received_mutex_);
     decoding_.swap(received_);
+    dropped = std::exchange(received_dropped_, 0);
   }
+  if (dropped) overruns_ += dropped;
   decoder_.feed(decoding_);
   decoding_.clear();
   publish_counts();
@@ -155,7 +163,7 @@ void FiberLoop::publish_counts() {
   update(rx_noise_count_, c.noise);
   update(rx_break_count_, c.breaks);
   update(rx_frame_error_count_, c.frame_errors);
-  update(rx_overrun_count_, c.overruns);
+  update(rx_overrun_count_, c.overruns + overruns_);
   update(rx_timeout_count_, c.timeouts);
   update(rx_broken_frame_count_, c.broken_frames);
   update(rx_frame_count_, c.frames);
