@@ -2,7 +2,6 @@
 // plain memcpy of the same bytes, the latency from a packet's `tail` update
 // to its delivery at the default poll rate, and the CPU an idle poll costs.
 #include <benchmark/benchmark.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
@@ -17,6 +16,8 @@
 #include "pru/inbox_layout.hpp"
 #include "pru/packet_inbox.hpp"
 #include "sim/pru/inbox_memory.hpp"
+
+#include "process_cpu.hpp"
 
 namespace {
 
@@ -68,13 +69,6 @@ BENCHMARK(BM_PruRegionMemcpy)->Arg(64)->Arg(1036)->Unit(benchmark::kMicrosecond)
 uint64_t steady_ns() {
   return static_cast<uint64_t>(
       std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::steady_clock::now().time_since_epoch()).count());
-}
-
-double cpu_seconds() {
-  rusage u{};
-  getrusage(RUSAGE_SELF, &u);
-  return static_cast<double>(u.ru_utime.tv_sec + u.ru_stime.tv_sec) +
-         static_cast<double>(u.ru_utime.tv_usec + u.ru_stime.tv_usec) / 1e6;
 }
 
 // A firmware thread writes packets stamped with the time of their `tail`
@@ -131,10 +125,10 @@ void BM_PruIdlePollCpu(benchmark::State& state) {
              [&] { polls += m.inbox.read([](const PacketView&) {}) + 1; });
   double cpu = 0, wall = 0;
   for (auto _ : state) {
-    double c0 = cpu_seconds();
+    double c0 = process_cpu_seconds();
     auto w0 = std::chrono::steady_clock::now();
     std::this_thread::sleep_for(std::chrono::seconds(3));
-    cpu += cpu_seconds() - c0;
+    cpu += process_cpu_seconds() - c0;
     wall += std::chrono::duration<double>(std::chrono::steady_clock::now() - w0).count();
   }
   host.stop_context();

@@ -15,6 +15,7 @@
 //   while the inbox is enabled, and counts the ones it discards while not.
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -25,7 +26,11 @@
 
 class SubsystemModel {
  public:
-  enum class Program : uint32_t { Sampler = 1, Idle = 2 };
+  enum class Program : uint32_t { Sampler = 1, Idle = 2, Fiber = 3 };
+  // The firmware step of a core running the fiber program, on the model's
+  // thread at every tick while the inbox is enabled: the core's index, the
+  // subsystem's memory and the inbox's writer.
+  using CoreFirmware = std::function<void(int core, uint8_t* memory, PacketWriter& writer)>;
   static constexpr uint16_t kSampleStream = 1;
   static constexpr uint32_t kBuild = 1017;
 
@@ -41,8 +46,9 @@ class SubsystemModel {
   // them; the model recognises the instruction image after a load.
   static std::vector<uint8_t> app_image(Program program);
   static std::vector<uint8_t> data_image();
-  // Writes "sampler_app.bin", "sampler_data.bin", "idle_app.bin" and
-  // "idle_data.bin" into `bin_dir` where they are missing.
+  // Writes the images of every program ("sampler_app.bin",
+  // "sampler_data.bin", "idle_...", "fiber_...") into `bin_dir` where they
+  // are missing.
   static void install_images(const std::string& bin_dir);
 
   explicit SubsystemModel(Options options);
@@ -56,6 +62,8 @@ class SubsystemModel {
   void start();
   void stop();
 
+  // What a core running the fiber program does (set before start).
+  void set_fiber_firmware(CoreFirmware firmware) { fiber_firmware_ = std::move(firmware); }
   void set_packet_rate(double per_second) { rate_ = per_second; }
   // A stuck master port shows its wait bit at once, also before the model's
   // thread runs, so a host that starts right after sees it.
@@ -90,6 +98,7 @@ class SubsystemModel {
   MemoryMap subsystem_;
   MemoryMap region_;
   PacketWriter writer_;
+  CoreFirmware fiber_firmware_;
   Core cores_[2];
   uint32_t syscfg_ = 0;
   bool inbox_enabled_ = false;

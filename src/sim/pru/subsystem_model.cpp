@@ -31,7 +31,11 @@ uint64_t now_ns() {
 }
 
 const char* program_name(SubsystemModel::Program program) {
-  return program == SubsystemModel::Program::Sampler ? "sampler" : "idle";
+  switch (program) {
+    case SubsystemModel::Program::Sampler: return "sampler";
+    case SubsystemModel::Program::Fiber: return "fiber";
+    default: return "idle";
+  }
 }
 
 }  // namespace
@@ -58,7 +62,7 @@ void SubsystemModel::install_images(const std::string& bin_dir) {
     std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char*>(bytes.data()),
                                                 static_cast<std::streamsize>(bytes.size()));
   };
-  for (auto program : {Program::Sampler, Program::Idle}) {
+  for (auto program : {Program::Sampler, Program::Idle, Program::Fiber}) {
     write(std::string(program_name(program)) + "_app.bin", app_image(program));
     write(std::string(program_name(program)) + "_data.bin", data_image());
   }
@@ -127,6 +131,9 @@ void SubsystemModel::tick() {
   tick_core(0);
   tick_core(1);
   tick_inbox();
+  if (!inbox_enabled_ || !fiber_firmware_) return;
+  for (int index = 0; index < 2; ++index)
+    if (cores_[index].running && cores_[index].program == Program::Fiber) fiber_firmware_(index, subsystem_.data(), writer_);
 }
 
 // SUB_MWAIT is a read-only status bit: the host keeps it when it writes the
@@ -158,12 +165,12 @@ void SubsystemModel::tick_core(int index) {
   if (enabled && !core.running) {
     const uint8_t* iram = mem + pl::kInstructionOffset[index];
     uint32_t magic = read32(iram, 0), program = read32(iram, 4);
-    if (magic == kImageMagic && (program == 1 || program == 2)) {
+    if (magic == kImageMagic && program >= 1 && program <= 3) {
       core.running = true;
       core.program = static_cast<Program>(program);
       c |= pl::kControlRunState;
       note(fmt::format("core {} runs {}", index, program_name(core.program)));
-      if (core.program == Program::Sampler) {
+      if (core.program == Program::Sampler || core.program == Program::Fiber) {
         writer_.reset();
         write32(mem + il::kHeaderOffset, il::kBuild, kBuild);
       }
