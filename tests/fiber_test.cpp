@@ -288,7 +288,7 @@ TEST_F(FiberLoopOverModel, LoopbackTestPassesOverALoopbackPlugAndFailsOverModule
   ASSERT_TRUE(wait_until([&] { return running("m1"); }));
   press.press();
   EXPECT_TRUE(wait_until([&] { return result.get() == "failed"; })) << "modules do not echo";
-  at<FiberSimulation>(*root_, "modules").field("loopback")->set_from_user("true");
+  at<FiberSimulation>(*root_, "modules").field("loopback")->read_json("true");
   press.press();
   EXPECT_TRUE(wait_until([&] { return result.get() == "passed"; }));
   EXPECT_TRUE(wait_until([&] { return slave("m1").state() != "running"; })) << "with the plug in, no module answers";
@@ -299,7 +299,7 @@ TEST_F(FiberLoopOverModel, AModuleOfAnotherTypeConnectsOnlyAsADeveloperBoard) {
   auto& m3 = slave("m3");
   ASSERT_TRUE(wait_until([&] { return running("m3"); }));
   EXPECT_EQ(field_of<ValueField<unsigned int>>(m3, "board_id").get(), LoopModel::kForeignBoardId);
-  ASSERT_TRUE(m3.field("developer_board")->set_from_user("false"));
+  ASSERT_TRUE(m3.field("developer_board")->read_json("false"));
   model().set_plugged(3, false);
   ASSERT_TRUE(wait_until([&] { return !running("m3"); }));
   model().set_plugged(3, true);

@@ -24,6 +24,7 @@ class PRUSimulation : public Component {
  private:
   ValueField<double>& rate_;
   ValueField<bool>& stuck_handshake_;
+  ValueField<double>& tick_;
   ValueField<unsigned long long>& packets_written_;
   std::unique_ptr<SubsystemModel> model_;
 };

@@ -14,6 +14,7 @@
 //   (stream kSampleStream, float samples) into the inbox at the packet rate
 //   while the inbox is enabled, and counts the ones it discards while not.
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <mutex>
@@ -40,6 +41,9 @@ class SubsystemModel {
     double packet_rate = 100;    // sampler packets per second
     size_t samples_per_packet = 32;
     double wave_hz = 0.5;        // frequency of the sampled sine
+    // How often the firmware steps: a real core never sleeps, the model
+    // sleeps this long between steps (longer: fewer wake-ups, later answers).
+    std::chrono::microseconds tick{100};
   };
 
   // The instruction and data images of a program, as a firmware build makes

@@ -25,6 +25,7 @@ PRUSimulation::PRUSimulation(const VTree& config)
     : Component(config),
       rate_(add_setting<ValueField<double>>(config, "rate")),
       stuck_handshake_(add_setting<ValueField<bool>>(config, "stuck_handshake")),
+      tick_(add_setting<ValueField<double>>(config, "tick")),
       packets_written_(add<ValueField<unsigned long long>>("packets_written")) {
   describe("PRU simulation", "A simulated PRU subsystem and firmware, with faults on request.", "chip");
   if (!rate_.assigned()) rate_.set(50.0);
@@ -39,6 +40,15 @@ PRUSimulation::PRUSimulation(const VTree& config)
     if (!folder.empty()) std::filesystem::create_directories(folder);
   }
   options.packet_rate = rate_.get();
+  // Milliseconds between two firmware steps, read at start: 0.1 ms answers
+  // like hardware, 10 ms keeps an idle demo quiet.
+  tick_.set_readonly(true);
+  tick_.attributes_for_update().units = "ms";
+  if (!(tick_.assigned() && tick_.get() >= 0.01 && tick_.get() <= 100.0)) {
+    if (tick_.assigned()) ZEL_ERROR("PRU simulation: tick {} ms is outside 0.01 to 100 ms; 0.1 ms is used", tick_.get());
+    tick_.set(0.1);
+  }
+  options.tick = std::chrono::microseconds(static_cast<int64_t>(tick_.get() * 1000.0));
   model_ = std::make_unique<SubsystemModel>(options);
   if (!model_->error().empty()) ZEL_ERROR("PRU simulation: {}", model_->error());
   SubsystemModel::install_images(Paths::bin_dir());

@@ -21,7 +21,6 @@ namespace il = inbox_layout;
 namespace {
 
 constexpr uint32_t kImageMagic = 0x5A505255;  // "URPZ" in memory
-constexpr auto kTick = std::chrono::microseconds(100);
 constexpr size_t kMaxPacketsPerTick = 10000;
 
 uint64_t now_ns() {
@@ -122,7 +121,7 @@ void SubsystemModel::note(std::string event) {
 void SubsystemModel::run() {
   while (!stopping_) {
     tick();
-    std::this_thread::sleep_for(kTick);
+    std::this_thread::sleep_for(options_.tick);
   }
 }
 
