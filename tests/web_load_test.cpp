@@ -21,6 +21,13 @@ namespace {
 using namespace hostile_clients;
 
 constexpr long kCeilingAboveIdleKiB = 96 << 10;
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+// A sanitizer's allocator keeps freed blocks in quarantine and adds shadow
+// memory: there the resident size says nothing of what the server holds.
+constexpr bool kResidentSizeTells = false;
+#else
+constexpr bool kResidentSizeTells = true;
+#endif
 constexpr auto kGoodClientP99 = 250ms;
 
 }  // namespace
@@ -33,7 +40,7 @@ TEST(WebLoad, EndlessChunkExtensionsAndTrailersAre431WithinBoundedMemory) {
   constexpr size_t kAttempt = 64u << 20;
   size_t most_taken = floods(server.port, endless_chunk_heads(), 4, kAttempt);
   EXPECT_LT(most_taken, kAttempt) << "the server took everything sent";
-  EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+  if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
   EXPECT_LT(good.p99(), kGoodClientP99);
   EXPECT_TRUE(server.zel->wait_for("Web client 127.0.0.1: Request header too large"));
   EXPECT_LE(server.zel->count("Request header too large (buffer)"), 1) << "logged once per client and interval";
@@ -51,10 +58,10 @@ TEST(WebLoad, PipelinedReadsOfALargeValueThatAreNeverCollectedHoldOneReplyPerCon
   GoodClient good(server.port);
   std::this_thread::sleep_for(2s);
   // Without the cap on queued output each would hold eight replies (240 MiB).
-  EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+  if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
   EXPECT_LT(good.p99(), kGoodClientP99);
   readers_that_never_read.clear();
-  EXPECT_TRUE(wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
+  EXPECT_TRUE(!kResidentSizeTells || wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
       << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
 }
 
@@ -77,9 +84,9 @@ TEST(WebLoad, HundredsOfClientsWatchingEveryFieldInHistoryModeFitAndLeaveNothing
     // The last client's first push names the last field once all of its
     // subscriptions are made.
     EXPECT_TRUE(clients.back()->receive_containing("\"n" + std::to_string(kFields - 1) + "/value\"", 20s));
-    EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+    if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
   }
-  EXPECT_TRUE(wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
+  EXPECT_TRUE(!kResidentSizeTells || wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
       << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
 }
 
