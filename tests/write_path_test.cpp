@@ -145,8 +145,9 @@ TEST(WritePath, ConfiguredValuesOutOfRangeAreRefusedWithTheRange) {
 
 // Writers on every way in at once (HTTP, WebSocket, files under the mount,
 // a call inside the program) against one chain whose trip is pending on its
-// own timer: the chain's listeners run on one thread at a time, and the
-// chain ends tripped once its input stays in error.
+// own timer, in a component with a thread of its own: the chain's listeners
+// run on one thread at a time, and the chain ends tripped once its input
+// stays in error.
 TEST(WritePath, WritersOnEveryWayInNeverRunAChainsListenersOnTwoThreadsAtOnce) {
   using namespace std::chrono_literals;
   if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no /dev/fuse";
@@ -158,7 +159,7 @@ TEST(WritePath, WritersOnEveryWayInNeverRunAChainsListenersOnTwoThreadsAtOnce) {
   auto root = FormatXML::instance().build(R"(<root>
     <web_server type="web_server" port="0" anonymous_write="true"/>
     <io_server mount=")" + dir + R"(/io"/>
-    <c type="component">
+    <c type="ctx_comp">
       <p type="analog_io" value="1"/>
       <hv type="digital_io" value="false"/>
       <permit type="permit_command_io" output="c/hv">
