@@ -2,9 +2,15 @@
 // fields each way in may write, what a node's object does when one member is
 // refused, ranges, and the log lines. That every server really goes through
 // it is pinned from outside by safety_chain_attack_test.cpp.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <filesystem>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "core/io/interlock_manager.hpp"
 #include "core/io/permit_command_io.hpp"
@@ -14,7 +20,10 @@
 #include "core/write_path.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
+#include "std/paths.hpp"
 #include "tree_access.hpp"
+#include "wait_until.hpp"
+#include "web_client.hpp"
 
 namespace {
 
@@ -132,4 +141,89 @@ TEST(WritePath, ConfiguredValuesOutOfRangeAreRefusedWithTheRange) {
   EXPECT_TRUE(log.contains("Setting 'error_time_duration' of 'lock' refused: -1 is out of range: takes from 0"));
   EXPECT_EQ(Root::configuration_errors(), 3u);
   EXPECT_TRUE(at<RangeInterlockIO>(*root, "lock").is_error()) << "a broken limit holds the chain tripped";
+}
+
+// Writers on every way in at once (HTTP, WebSocket, files under the mount,
+// a call inside the program) against one chain whose trip is pending on its
+// own timer, in a component with a thread of its own: the chain's listeners
+// run on one thread at a time, and the chain ends tripped once its input
+// stays in error.
+TEST(WritePath, WritersOnEveryWayInNeverRunAChainsListenersOnTwoThreadsAtOnce) {
+  using namespace std::chrono_literals;
+  if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no /dev/fuse";
+  namespace fs = std::filesystem;
+  std::string dir = (fs::temp_directory_path() / "zel-writers-XXXXXX").string();
+  ASSERT_TRUE(mkdtemp(dir.data()));
+  fs::create_directory(dir + "/io");
+  Paths::set_data_root(dir);
+  auto root = FormatXML::instance().build(R"(<root>
+    <web_server type="web_server" port="0" anonymous_write="true"/>
+    <io_server mount=")" + dir + R"(/io"/>
+    <c type="ctx_comp">
+      <p type="analog_io" value="1"/>
+      <hv type="digital_io" value="false"/>
+      <permit type="permit_command_io" output="c/hv">
+        <lock type="range_interlock_io" input="c/p" upper_limit="5" error_time_duration="0.02"/>
+      </permit>
+    </c>
+  </root>)");
+  ASSERT_TRUE(root);
+  root->initialize();
+  auto port = static_cast<uint16_t>(at<ValueField<int>>(*root, "web_server/port").get());
+  ASSERT_NE(port, 0);
+
+  // Registered after the chain's own listeners: runs once each evaluation is over.
+  std::atomic<int> inside{0}, overlaps{0}, calls{0};
+  auto guard = [&] {
+    if (inside.fetch_add(1) != 0) ++overlaps;
+    ++calls;
+    std::this_thread::sleep_for(20us);
+    inside.fetch_sub(1);
+  };
+  WritePath::field_for(root->find_path("c/p"))->listen(guard);
+  WritePath::field_for(root->find_path("c/permit/lock"))->listen(guard);
+
+  // Fine, in error: each error arms the delayed trip. Every writer ends in
+  // error, so a set still in flight cannot clear the final one.
+  const char* texts[] = {"1", "10"};
+  constexpr int kRounds = 30;
+  std::vector<std::thread> writers;
+  writers.emplace_back([&] {
+    for (int i = 0; i < kRounds; ++i) web_client::request(port, web_client::http::verb::put, "/io/c/p", texts[i % 2]);
+  });
+  writers.emplace_back([&] {
+    boost::asio::io_context io;
+    web_client::WebSocketClient ws(io, port);
+    for (int i = 0; i < kRounds; ++i) {
+      ws.send(std::string(R"({"event":"set","data":{"c/p":)") + texts[i % 2] + "}}");
+      std::this_thread::sleep_for(1ms);
+    }
+  });
+  writers.emplace_back([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      int fd = ::open((dir + "/io/c/p/value.json").c_str(), O_WRONLY);
+      if (fd < 0) continue;
+      EXPECT_GT(::write(fd, texts[i % 2], 1 + i % 2), 0);
+      ::close(fd);
+    }
+  });
+  writers.emplace_back([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      write(*root, WriteSource::Local, "c/p", texts[(i + 1) % 2]);
+      write(*root, WriteSource::Local, "c/permit/user_command", "true");
+      std::this_thread::sleep_for(1ms);
+    }
+  });
+  for (auto& w : writers) w.join();
+
+  ASSERT_EQ(web_client::request(port, web_client::http::verb::put, "/io/c/p", "10").status, 200u);
+  auto& lock = at<RangeInterlockIO>(*root, "c/permit/lock");
+  EXPECT_TRUE(wait_until([&] { return lock.is_error(); }, 3s));
+  EXPECT_TRUE(wait_until([&] { return at<ValueField<bool>>(*root, "c/hv/value").get() == false; }, 3s));
+  EXPECT_EQ(WritePath::field_for(root->find_path("c/permit"))->json(), "false");
+  EXPECT_GT(calls.load(), kRounds) << "the writers reached the chain";
+  EXPECT_EQ(overlaps.load(), 0) << "a chain's listeners ran on two threads at once";
+  root.reset();
+  std::error_code ignored;
+  fs::remove_all(dir, ignored);
 }

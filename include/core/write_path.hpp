@@ -21,6 +21,14 @@
 // restores, nobody changes anything) is logged with the caller, the field,
 // and the old and new value. Fields with on_written listeners hear of every
 // accepted write, changed or not.
+//
+// Checks run on the caller's thread; the accepted write is then applied on
+// the execution context that owns the field's node (posted there and awaited),
+// so a node's listeners, interlock evaluation included, never run on two
+// threads at once. A caller already on that context, or a context not running
+// yet (the store loader at start-up), applies at once. A context that does not
+// take the write within kHandOffWait leaves it unapplied and answered Busy.
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -49,16 +57,16 @@ struct WriteRequest {
   std::string_view text;  // a value text; for a node, a JSON object of members
 };
 
-enum class WriteStatus : uint8_t { Done, NotFound, ReadOnly, BadValue, TooLarge, Denied };
+enum class WriteStatus : uint8_t { Done, NotFound, ReadOnly, BadValue, TooLarge, Denied, Busy };
 
 struct WriteAnswer {
   WriteStatus status = WriteStatus::Done;
   std::string reason;  // empty when done
 
   bool ok() const { return status == WriteStatus::Done; }
-  // 200, 404, 403, 400, 413, 403.
+  // 200, 404, 403, 400, 413, 403, 503.
   unsigned http_status() const;
-  // 0, ENOENT, EACCES, EINVAL, EFBIG, EACCES.
+  // 0, ENOENT, EACCES, EINVAL, EFBIG, EACCES, EBUSY.
   int error_number() const;
 };
 
@@ -68,6 +76,9 @@ class WritePath {
   // write() under the mount point delivers, so a longer value would arrive
   // in pieces.
   static constexpr size_t kMaxTextBytes = 128 * 1024;
+  // The longest a caller waits for the owning context to apply its write: a
+  // context stuck in a long job must not hold a network thread for ever.
+  static constexpr std::chrono::seconds kHandOffWait{3};
 
   // May `caller` write `field`? On refusal `reason` says why. Null (the
   // default) lets every caller write what is writable.

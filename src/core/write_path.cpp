@@ -1,13 +1,19 @@
 #include "core/write_path.hpp"
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <condition_variable>
+#include <exception>
+#include <memory>
+#include <mutex>
 #include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "core/attribute_fields.hpp"
 #include "core/button_field.hpp"
+#include "core/context.hpp"
 #include "core/io/io.hpp"
 #include "core/log.hpp"
 #include "core/x2x.hpp"
@@ -119,6 +125,100 @@ void apply(FieldBase& field, const Caller& caller, std::string_view text) {
   ZEL_INFO("User {} set '{}' from {} to {}", caller_text(caller), field.path(), old_value, field.json());
 }
 
+// The context a write of `field` must be handed to: the one whose thread runs
+// the listeners of the field's node. Null when the write is applied on the
+// caller's thread: outside a tree, already on that thread, or before the
+// context runs (the store loader at start-up).
+Context* handing_context(const FieldBase& field) {
+  for (const Vertex* v = field.parent(); v; v = v->parent()) {
+    auto* node = dynamic_cast<const Node*>(v);
+    if (!node) continue;
+    Context* context = node->context();
+    return context && context->running() && !context->in_context() ? context : nullptr;
+  }
+  return nullptr;
+}
+
+// Writes handed to a context's thread. The job owns copies of everything it
+// touches, so a caller that gave up waiting leaves nothing dangling; whoever
+// moves `state` out of Queued first decides whether the writes happen.
+struct HandOff {
+  enum class State : uint8_t { Queued, Running, Finished, Abandoned };
+  std::mutex mutex;
+  std::condition_variable finished;
+  State state = State::Queued;
+  std::exception_ptr failure;
+  std::string who;
+  Caller caller;
+  std::vector<PlannedWrite> writes;
+
+  void run() {
+    {
+      std::lock_guard lock(mutex);
+      if (state != State::Queued) return;
+      state = State::Running;
+    }
+    std::exception_ptr error;
+    try {
+      for (auto& w : writes) apply(*w.field, caller, w.text);
+    } catch (...) {
+      error = std::current_exception();
+    }
+    {
+      std::lock_guard lock(mutex);
+      failure = error;
+      state = State::Finished;
+    }
+    finished.notify_all();
+  }
+};
+
+// Applies `writes` on `context`'s thread and waits for them. False when the
+// context did not start them within kHandOffWait: then none is applied.
+// Writes already running are waited for to the end.
+bool apply_on(Context& context, const Caller& caller, std::vector<PlannedWrite> writes) {
+  auto job = std::make_shared<HandOff>();
+  job->who = std::string(caller.who);
+  job->caller = caller;
+  job->caller.who = job->who;
+  job->writes = std::move(writes);
+  context.post([job] { job->run(); });
+  std::unique_lock lock(job->mutex);
+  auto done = [&] { return job->state == HandOff::State::Finished; };
+  if (!job->finished.wait_for(lock, WritePath::kHandOffWait, done)) {
+    if (job->state == HandOff::State::Queued) {
+      job->state = HandOff::State::Abandoned;
+      return false;
+    }
+    job->finished.wait(lock, done);
+  }
+  if (job->failure) std::rethrow_exception(job->failure);
+  return true;
+}
+
+// Applies checked writes, each on its node's context, grouped so that one
+// context takes its share in one job, in the order they were given.
+WriteAnswer apply_all(std::vector<PlannedWrite> writes, const Caller& caller, std::string_view path) {
+  std::vector<std::pair<Context*, std::vector<PlannedWrite>>> shares;
+  for (auto& w : writes) {
+    Context* context = handing_context(*w.field);
+    auto share = std::find_if(shares.begin(), shares.end(), [&](auto& s) { return s.first == context; });
+    if (share == shares.end()) share = shares.insert(shares.end(), {context, {}});
+    share->second.push_back(std::move(w));
+  }
+  WriteAnswer answer;
+  for (auto& [context, share] : shares) {
+    if (!context) {
+      for (auto& w : share) apply(*w.field, caller, w.text);
+    } else if (!apply_on(*context, caller, std::move(share)) && answer.ok()) {
+      answer = refused(WriteStatus::Busy, fmt::format("the thread '{}' did not take the write within {} s",
+                                                      context->thread_name(), WritePath::kHandOffWait.count()));
+      log_refusal(caller, path, answer);
+    }
+  }
+  return answer;
+}
+
 }  // namespace
 
 std::string_view write_source_name(WriteSource source) {
@@ -140,6 +240,7 @@ unsigned WriteAnswer::http_status() const {
     case WriteStatus::BadValue: return 400;
     case WriteStatus::TooLarge: return 413;
     case WriteStatus::Denied: return 403;
+    case WriteStatus::Busy: return 503;
   }
   return 500;
 }
@@ -152,6 +253,7 @@ int WriteAnswer::error_number() const {
     case WriteStatus::BadValue: return EINVAL;
     case WriteStatus::TooLarge: return EFBIG;
     case WriteStatus::Denied: return EACCES;
+    case WriteStatus::Busy: return EBUSY;
   }
   return EIO;
 }
@@ -227,8 +329,11 @@ WriteAnswer WritePath::write_at(Vertex& target, const Caller& caller, std::strin
       log_refusal(caller, target.path(), answer);
       return answer;
     }
-    apply(*field, caller, text);
-    return answer;
+    if (!handing_context(*field)) {
+      apply(*field, caller, text);
+      return answer;
+    }
+    return apply_all({{field, std::string(text)}}, caller, target.path());
   }
   nlohmann::json object;
   if (x2x::json_depth_within(text)) object = nlohmann::json::parse(text.begin(), text.end(), nullptr, false);
@@ -241,6 +346,5 @@ WriteAnswer WritePath::write_at(Vertex& target, const Caller& caller, std::strin
   std::vector<PlannedWrite> writes;
   WriteAnswer answer;
   if (!plan(target, object, caller, writes, answer)) return answer;
-  for (auto& w : writes) apply(*w.field, caller, w.text);
-  return answer;
+  return apply_all(std::move(writes), caller, target.path());
 }
