@@ -3,6 +3,9 @@
 // what the configuration lists it always owns "log", "pulse", "async",
 // "interlocks", "admin", "io_server", "iframe", "peers" and "upnp".
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <string_view>
 
 #include "core/component.hpp"
@@ -20,6 +23,11 @@ class Root : public Component {
   // start() on every node in tree order, each phase over the whole tree
   // before the next.
   void initialize();
+  // Waits while initialize() is running; false if it still runs after
+  // `limit`. Servers start listening before the nodes after them have
+  // started: a write from outside waits for this, so no write runs against
+  // a node still in its start().
+  bool wait_started(std::chrono::milliseconds limit) const;
   // The staged stop ("stop0" .. "stop3"), once; each stage timed and logged.
   void stop_all();
 
@@ -45,5 +53,8 @@ class Root : public Component {
   Service* async_ = nullptr;
   LogIO* log_ = nullptr;
   bool initialized_ = false;
+  mutable std::mutex start_mutex_;
+  mutable std::condition_variable start_done_;
+  mutable bool starting_ = false;  // guarded by start_mutex_
   bool stopped_ = false;
 };

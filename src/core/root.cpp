@@ -44,6 +44,21 @@ Root* Root::instance() { return current_root.load(); }
 void Root::initialize() {
   if (initialized_) return;
   initialized_ = true;
+  {
+    std::lock_guard lock(start_mutex_);
+    starting_ = true;
+  }
+  // Writes from outside wait while this runs; they go on however it ends.
+  struct EndOfStart {
+    const Root& root;
+    ~EndOfStart() {
+      {
+        std::lock_guard lock(root.start_mutex_);
+        root.starting_ = false;
+      }
+      root.start_done_.notify_all();
+    }
+  } end_of_start{*this};
   index_tree();
   visit([](Vertex& v) {
     if (auto* node = dynamic_cast<Node*>(&v)) node->init();
@@ -54,6 +69,11 @@ void Root::initialize() {
   visit([](Vertex& v) {
     if (auto* node = dynamic_cast<Node*>(&v)) node->start();
   });
+}
+
+bool Root::wait_started(std::chrono::milliseconds limit) const {
+  std::unique_lock lock(start_mutex_);
+  return start_done_.wait_for(lock, limit, [this] { return !starting_; });
 }
 
 void Root::stop_all() {

@@ -16,6 +16,7 @@
 #include "core/context.hpp"
 #include "core/io/io.hpp"
 #include "core/log.hpp"
+#include "core/root.hpp"
 #include "core/x2x.hpp"
 
 namespace {
@@ -123,6 +124,20 @@ void apply(FieldBase& field, const Caller& caller, std::string_view text) {
   field.read_json(text);
   field.notify_written();
   ZEL_INFO("User {} set '{}' from {} to {}", caller_text(caller), field.path(), old_value, field.json());
+}
+
+bool from_outside(WriteSource source) {
+  return source == WriteSource::File || source == WriteSource::Http || source == WriteSource::WebSocket;
+}
+
+// A tree whose nodes are still starting takes no write from outside: the
+// servers listen before the nodes after them are started, on the main thread.
+// Such a write waits for the start; a tree without a root counts as started.
+bool tree_started(const Vertex& target) {
+  const Vertex* top = &target;
+  while (top->parent()) top = top->parent();
+  auto* root = dynamic_cast<const Root*>(top);
+  return !root || root->wait_started(std::chrono::duration_cast<std::chrono::milliseconds>(WritePath::kHandOffWait));
 }
 
 // The context a write of `field` must be handed to: the one whose thread runs
@@ -315,6 +330,11 @@ WriteAnswer WritePath::write(Vertex& top, const WriteRequest& request) {
 }
 
 WriteAnswer WritePath::write_at(Vertex& target, const Caller& caller, std::string_view text) {
+  if (from_outside(caller.source) && !tree_started(target)) {
+    auto answer = refused(WriteStatus::Busy, "the instrument is still starting");
+    log_refusal(caller, target.path(), answer);
+    return answer;
+  }
   text = x2x::trim(text);
   if (text.size() >= kMaxTextBytes) {
     auto answer = refused(WriteStatus::TooLarge,
