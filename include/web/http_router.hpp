@@ -16,7 +16,8 @@
 //   /api/login, /api/logout, /api/session, /api/users, /api/tokens: WebAccess
 //   GET  anything else                     a file of the document root
 // HEAD is answered like GET without the body. Other methods get 405 with
-// Allow. A write (PUT or POST) must come from the instrument's own page
+// Allow. Under TLS, plain HTTP answers the loopback only
+// (WebAccess::refuse_plain). A write (PUT or POST) must come from the instrument's own page
 // (OriginPolicy) and is made as the caller the request's session cookie or
 // token names (anonymous without one).
 #include <string>
@@ -40,6 +41,7 @@ struct HttpRequestView {
   std::string_view origin;
   std::string_view cookie;
   std::string_view authorization;
+  bool secure = false;  // it came over TLS
 };
 
 struct HttpReply {
@@ -50,6 +52,7 @@ struct HttpReply {
   std::string error;       // sent as X-Zel-Error when not empty
   std::string_view allow;  // sent as Allow (with 405) when not empty
   std::string set_cookie;  // sent as Set-Cookie when not empty
+  std::string location;    // sent as Location (with a redirection) when not empty
 };
 
 class HttpRouter {
