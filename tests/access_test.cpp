@@ -222,6 +222,11 @@ TEST(WebAccessLogin, FirstStartCreatesAnAdminWhoseSessionCookieIsGuardedAndEndsA
   EXPECT_EQ(rig.access.caller_of(cookie, "", "x").role, Role::Admin);
   EXPECT_TRUE(log.contains("User 'admin' (admin) logged in from 10.0.0.1:1000"));
 
+  // A role changes without the password; the last admin keeps its role.
+  EXPECT_EQ(rig.router.answer({"POST", "/api/users", R"({"name":"admin","role":"expert"})", "", "", "", cookie}).error,
+            "The last admin stays an admin.");
+  EXPECT_EQ(rig.router.answer({"POST", "/api/users", R"({"name":"olga","role":"expert"})", "", "", "", cookie}).status,
+            400u) << "a new user needs a password";
   auto token = rig.router.answer({"POST", "/api/tokens", R"({"name":"nightly","role":"operator"})", "", "", "", cookie});
   ASSERT_EQ(token.status, 200u) << token.error;
   auto text = nlohmann::json::parse(token.body)["token"].get<std::string>();

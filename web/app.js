@@ -1,5 +1,6 @@
 // The ZEL operator page: the system tree with live values, the interlock
 // overview and the log, all drawn from what the instrument describes.
+import { AdminView } from "./js/admin_view.js";
 import { InterlockPanel } from "./js/interlock_panel.js";
 import { LiveConnection } from "./js/live.js";
 import { LogPanel } from "./js/log_panel.js";
@@ -17,6 +18,7 @@ const interlocks = new InterlockPanel(live);
 new LogPanel(live);
 const login = new LoginBox(document.getElementById("login"), document.getElementById("login-dialog"));
 login.refresh().catch(() => {});
+new AdminView(document.getElementById("login"));
 
 const STATUS_TEXT = { live: "Live", connecting: "Connecting…", offline: "Disconnected — values are not live" };
 live.onStatus((status) => {
