@@ -6,7 +6,7 @@ CONFIG     ?= examples/demo.xml
 PREFIX     ?= /usr/local
 JOBS       ?= $(shell nproc)
 
-.PHONY: all setup build run test bench install clean test-asan test-tsan fuzz test-armhf
+.PHONY: all setup build run tls-pair test bench install clean test-asan test-tsan fuzz test-armhf
 
 all: build
 
@@ -24,6 +24,10 @@ run: build
 	@cp -r web/. $(DATA_ROOT)/web/
 	$(BUILD)/zel --config $(CURDIR)/$(CONFIG) --data-root $(DATA_ROOT) \
 	  --pid-file $(DATA_ROOT)/zel.pid --io-mount $(DATA_ROOT)/io --port $(PORT)
+
+# A self-signed certificate and key for HTTPS in the demo's data root (docs/users.md).
+tls-pair: build
+	$(BUILD)/zel --data-root $(DATA_ROOT) --make-tls-pair
 
 test: build
 	cd $(BUILD) && ctest --output-on-failure -j $(JOBS) --timeout 600

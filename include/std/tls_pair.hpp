@@ -8,7 +8,8 @@
 
 namespace TlsPair {
 
-// Writes both files in PEM, the key readable by its owner only (0600).
+// Writes both files in PEM (creating their folder), the key readable by its
+// owner only (0600).
 // Existing files are never overwritten: false, with `error` in words for
 // the console, when either exists or a step fails.
 bool make_self_signed(const std::string& certificate_file, const std::string& key_file, std::string& error);

@@ -192,8 +192,6 @@ bool Application::parse_options(int argc, char** argv, int& status) {
 }
 
 int Application::make_tls_pair() {
-  std::error_code ec;
-  fs::create_directories(Paths::config_dir(), ec);
   auto certificate = Paths::config_dir() + "tls.crt", key = Paths::config_dir() + "tls.key";
   std::string error;
   if (!TlsPair::make_self_signed(certificate, key, error)) {

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include <fmt/format.h>
@@ -115,6 +116,8 @@ bool TlsPair::make_self_signed(const std::string& certificate_file, const std::s
       error = fmt::format("{} exists; remove it first to make a new pair", *file);
       return false;
     }
+  std::error_code ec;
+  std::filesystem::create_directories(std::filesystem::path(key_file).parent_path(), ec);
   Key key(EVP_EC_gen("P-256"));
   if (!key) {
     error = openssl_error("key");
