@@ -3,6 +3,11 @@
 // Asio separately, src/web/asio_beast_library.cpp).
 #include "web/tls_context.hpp"
 
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
 #include <boost/asio/ssl/context.hpp>
 #include <boost/asio/ssl/impl/src.hpp>
 #include <boost/beast/ssl/ssl_stream.hpp>
@@ -41,6 +46,12 @@ TlsContext::~TlsContext() = default;
 
 std::shared_ptr<TlsContext> TlsContext::load(const std::string& certificate_file, const std::string& key_file,
                                              std::string& error) {
+  // OpenSSL names a missing file only as an error of its own library.
+  for (auto [what, file] : {std::pair{"certificate", &certificate_file}, {"key", &key_file}})
+    if (::access(file->c_str(), R_OK) != 0) {
+      error = fmt::format("the {} {} cannot be read ({})", what, *file, std::strerror(errno));
+      return nullptr;
+    }
   auto impl = std::make_unique<Impl>();
   auto& context = impl->context;
   boost::system::error_code ec;

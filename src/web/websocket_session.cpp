@@ -1,6 +1,7 @@
 #include "web/websocket_session.hpp"
 
 #include <boost/asio/dispatch.hpp>
+#include <boost/asio/ssl/error.hpp>
 #include <boost/beast/core/bind_handler.hpp>
 #include <boost/beast/websocket/error.hpp>
 
@@ -31,7 +32,7 @@ websocket::permessage_deflate deflate_options() {
 bool is_disconnect(const beast::error_code& ec) {
   return ec == websocket::error::closed || ec == net::error::eof || ec == net::error::connection_reset ||
          ec == net::error::broken_pipe || ec == net::error::operation_aborted || ec == beast::error::timeout ||
-         ec == net::error::not_connected;
+         ec == net::error::not_connected || ec == net::ssl::error::stream_truncated;  // TLS peer gone without notice
 }
 
 }  // namespace
