@@ -41,6 +41,7 @@ armhf_packages=(
   libpugixml-dev libpugixml1v5
   libfuse3-dev libfuse3-3
   libsodium-dev libsodium23
+  libssl-dev libssl3
   libgtest-dev libgmock-dev
 )
 common_packages=(nlohmann-json3-dev)
