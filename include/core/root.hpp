@@ -55,6 +55,8 @@ class Root : public Component {
   bool initialized_ = false;
   mutable std::mutex start_mutex_;
   mutable std::condition_variable start_done_;
-  mutable bool starting_ = false;  // guarded by start_mutex_
+  // Written under start_mutex_; read without it on every outside write, which
+  // only takes the lock while the tree is still starting.
+  mutable std::atomic<bool> starting_{false};
   bool stopped_ = false;
 };

@@ -72,6 +72,7 @@ void Root::initialize() {
 }
 
 bool Root::wait_started(std::chrono::milliseconds limit) const {
+  if (!starting_.load(std::memory_order_acquire)) return true;
   std::unique_lock lock(start_mutex_);
   return start_done_.wait_for(lock, limit, [this] { return !starting_; });
 }
