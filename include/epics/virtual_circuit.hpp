@@ -8,9 +8,10 @@
 // one posted flush. Output goes out one write at a time; while more than the
 // high-water mark waits, due monitors stay due and are sent, with the value
 // they then have, when the client has read. A write that stays in flight
-// longer than the send time-out drops the circuit, and so does a message
-// that is malformed, too large or of an unknown command: only this circuit
-// closes.
+// longer than the send time-out drops the circuit; while answers pile up
+// beyond four high-water marks, the circuit reads no more requests. A message
+// that is malformed, too large or of an unknown command closes the circuit,
+// and only this one.
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -82,6 +83,7 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   std::optional<Role> role_;
   bool closed_ = false;
   bool events_off_ = false;
+  bool reading_paused_ = false;  // answers pile up: the client must read first
 
   std::vector<char> chunk_;
   std::string input_;

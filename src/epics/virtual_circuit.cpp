@@ -16,6 +16,8 @@ namespace {
 constexpr size_t kReadChunk = 64 * 1024;
 // Above this many elements a request is refused rather than allocated.
 constexpr uint32_t kCountMax = 1 << 20;
+// Reading stops while this many high-water marks of answers wait.
+constexpr size_t kReadPauseFactor = 4;
 
 uint32_t write_status(const WriteAnswer& answer) {
   switch (answer.status) {
@@ -74,6 +76,11 @@ void VirtualCircuit::on_read(const boost::system::error_code& ec, size_t n) {
   if (ec) return close(ec == net::error::eof ? "" : ec.message());
   input_.append(chunk_.data(), n);
   if (!handle_input()) return;
+  // A client that asks faster than it reads waits until it has read.
+  if (output_.size() > kReadPauseFactor * service_.limits().output_high_water) {
+    reading_paused_ = true;
+    return;
+  }
   do_read();
 }
 
@@ -348,4 +355,8 @@ void VirtualCircuit::on_write(const boost::system::error_code& ec, size_t) {
   }
   if (held_back) flush_monitors();
   do_write();
+  if (reading_paused_ && output_.size() <= service_.limits().output_high_water) {
+    reading_paused_ = false;
+    do_read();
+  }
 }

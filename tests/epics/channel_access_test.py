@@ -36,13 +36,17 @@ def free_port():
 
 
 PORT = free_port()
-BEACON_PORT = free_port()
+REPEATER_PORT = free_port()
+# The test listens for beacons itself, on a port of its own.
+BEACONS = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+BEACONS.bind(("127.0.0.1", 0))
+BEACON_PORT = BEACONS.getsockname()[1]
 # libca reads its settings once, when it is loaded.
 os.environ.update({
     "EPICS_CA_AUTO_ADDR_LIST": "NO",
     "EPICS_CA_ADDR_LIST": "127.0.0.1",
     "EPICS_CA_SERVER_PORT": str(PORT),
-    "EPICS_CA_REPEATER_PORT": str(BEACON_PORT),
+    "EPICS_CA_REPEATER_PORT": str(REPEATER_PORT),
 })
 import epics  # noqa: E402
 from epics import ca, dbr  # noqa: E402
@@ -50,7 +54,7 @@ from epics import ca, dbr  # noqa: E402
 CONFIG = f"""<?xml version="1.0"?>
 <root label="Channel Access test">
   <epics type="epics_server" port="{PORT}" address="127.0.0.1" prefix="T:"
-         beacon_addresses="127.0.0.1" beacon_port="{BEACON_PORT}"/>
+         beacon_addresses="127.0.0.1" beacon_port="{BEACON_PORT}" send_timeout="2"/>
   <channels type="component">
     <temperature type="analog_io" units="degC" format="%.2f" value="21.5"/>
     <pressure type="analog_io" units="mbar" value="1000"/>
@@ -176,7 +180,7 @@ def library_behaviour():
 def types_and_forms():
     """Each native type in its plain, STS, TIME, GR and CTRL forms."""
     cases = {
-        "T:channels:temperature": (dbr.DOUBLE, 22.25),
+        "T:channels:temperature": (dbr.DOUBLE, 21.5),
         "T:epics:port": (dbr.LONG, PORT),
         "T:channels:pump": (dbr.ENUM, 0),
         "T:channels:operator": (dbr.STRING, "nobody"),
@@ -222,8 +226,8 @@ def types_and_forms():
     check(long_text == "nobody", f"a string as a CHAR array: {long_text!r}")
     check(severity_of("T:channels:untouched") == 3, "a value never assigned is INVALID")
     # Conversions: a double read as a string, a LONG channel as a double.
-    check(ca.get(ca.create_channel("T:channels:temperature"), ftype=dbr.STRING, timeout=WAIT) == "22.25",
-          "a double read as DBR_STRING")
+    check(ca.get(ca.create_channel("T:channels:temperature"), ftype=dbr.STRING, timeout=WAIT) == "21.50",
+          "a double read as DBR_STRING, with the precision of its format")
 
 
 def puts():
@@ -319,6 +323,51 @@ def robustness():
     wait_for(lambda: watcher.get() == 42.0, "the other circuit keeps working")
 
 
+def beacons():
+    """Beacons announce the server's port, numbered one after another."""
+    BEACONS.settimeout(WAIT)
+    seen = []
+    while len(seen) < 2:
+        command, _, data_type, count, sequence, _ = struct.unpack(">HHHHII", BEACONS.recv(64)[:16])
+        check(command == 13 and data_type == 13 and count == PORT, "a beacon names version and port")
+        seen.append(sequence)
+    check(seen[1] == seen[0] + 1, f"beacons count up: {seen}")
+
+
+def stalled_client():
+    """A client that stops reading is dropped; the server goes on."""
+    circuits = connected("T:epics:circuits")
+    before = circuits.get(use_monitor=False)
+    sock = raw_circuit()
+    sid = raw_channel(sock, "T:channels:temperature", 1)
+    wait_for(lambda: circuits.get(use_monitor=False) == before + 1, "the new circuit counted")
+    sock.settimeout(0.5)
+    read = header(15, data_type=34, count=1, p1=sid, p2=1) * 1000
+    try:
+        for _ in range(10000):  # at most 160 MB of requests; the server stops reading long before
+            sock.sendall(read)
+    except OSError:
+        pass  # the server stopped reading: it waits for this client
+    wait_for(lambda: circuits.get(use_monitor=False) == before, "the stalled circuit dropped")
+    sock.close()
+    check(epics.caget("T:channels:temperature", timeout=WAIT) is not None, "others are served")
+
+
+def search_flood():
+    """A flood of searches is answered while the tree goes on."""
+    flood = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    search = header(0, count=13) + header(6, b"T:channels:temperature\0", data_type=5, count=13, p1=1, p2=1)
+    for _ in range(20000):
+        flood.sendto(search, ("127.0.0.1", PORT))
+    flood.settimeout(WAIT)
+    reply = flood.recv(1500)  # replies were dropped by the kernel once its buffer was full
+    flood.close()
+    _, _, data_type, _, _, _ = struct.unpack(">HHHHII", reply[16:32])
+    check(reply[:2] == b"\0\0" and data_type == PORT, "a search is answered with the server's port")
+    check(epics.caput("T:channels:temperature", 7.0, wait=True, timeout=WAIT) == 1, "puts still go through")
+    check(epics.caget("T:channels:temperature", timeout=WAIT) == 7.0, "and read back")
+
+
 def read_message_until_closed(sock):
     try:
         while read_message(sock) is not None:
@@ -353,6 +402,9 @@ def main():
             "alarms": alarms,
             "access_rights": lambda: access_rights(access_file),
             "robustness": robustness,
+            "beacons": beacons,
+            "stalled_client": stalled_client,
+            "search_flood": search_flood,
         }
         chosen = sys.argv[1:] or list(groups)
         failed = []
