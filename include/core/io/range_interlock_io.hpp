@@ -17,6 +17,8 @@ class RangeInterlockIO : public InterlockIO {
 
   // The condition code for the input as it is.
   int range_code() const;
+  // The IO watched; null until init() resolved a configured path.
+  IO<double>* input() const { return input_.get(); }
 
   ValueField<double>& lower_limit() const { return lower_limit_; }
   ValueField<double>& upper_limit() const { return upper_limit_; }
