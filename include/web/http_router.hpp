@@ -13,6 +13,7 @@
 //   GET  /api/tree[/<path>]?depth=N        the tree described for pages
 //   GET  /api/interlocks                   the interlock overview
 //   GET  /api/log?after=N&limit=M          log records after sequence number N
+//   /api/alarms...                         the alarm journal: AlarmRequests
 //   /api/login, /api/logout, /api/session, /api/users, /api/tokens: WebAccess
 //   GET  anything else                     a file of the document root
 // HEAD is answered like GET without the body. Other methods get 405 with
@@ -51,6 +52,9 @@ struct HttpReply {
   std::string_view allow;  // sent as Allow (with 405) when not empty
   std::string set_cookie;  // sent as Set-Cookie when not empty
 };
+
+// The number after "name=" in the target's query, or `fallback`.
+long query_number(std::string_view target, std::string_view name, long fallback);
 
 class HttpRouter {
  public:
