@@ -9,6 +9,7 @@ packages=(
   nlohmann-json3-dev libpugixml-dev libfmt-dev
   libfuse3-dev fuse3
   libsodium-dev  # password hashes of the users file
+  libssl-dev  # HTTPS and WSS (OpenSSL), and the self-signed pair
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-numpy  # the independent reference of the calibration fit test
   chromium nodejs npm  # the browser tests

@@ -1,6 +1,7 @@
 // The ZEL operator page: the system tree with live values, the interlock
 // overview and the log, all drawn from what the instrument describes.
 import { AlarmPanel } from "./js/alarm_panel.js";
+import { AdminView } from "./js/admin_view.js";
 import { InterlockPanel } from "./js/interlock_panel.js";
 import { LiveConnection } from "./js/live.js";
 import { LogPanel } from "./js/log_panel.js";
@@ -19,6 +20,7 @@ new LogPanel(live);
 new AlarmPanel(live);
 const login = new LoginBox(document.getElementById("login"), document.getElementById("login-dialog"));
 login.refresh().catch(() => {});
+new AdminView(document.getElementById("login"));
 
 const STATUS_TEXT = { live: "Live", connecting: "Connecting…", offline: "Disconnected — values are not live" };
 live.onStatus((status) => {

@@ -84,6 +84,7 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   bool read = request.method == "GET" || request.method == "HEAD";
   bool write = request.method == "PUT" || request.method == "POST";
   std::string_view allow = "GET, HEAD";
+  if (auto refused = access_.refuse_plain(request)) return std::move(*refused);
   if (auto reply = access_.answer(request)) return std::move(*reply);
   if (has_prefix_segment(target, "/api/alarms")) return AlarmRequests::answer(request, root_.alarms().journal(), access_);
   if (has_prefix_segment(target, "/io")) {

@@ -248,6 +248,28 @@ test("a chip's panel draws its display and shows its fault while it does not ans
   await shows(page.locator(".chip-fault:not(.raised)"), "Answering");
 });
 
+test("an admin issues an API token on the page, sees it listed and revokes it", async () => {
+  await page.goto(`${base}/`);
+  await page.locator("#admin-open").click();
+  const dialog = page.locator("#admin-dialog");
+  await shows(dialog.locator(".admin-user"), "admin");
+  const form = dialog.locator("#admin-token-form");
+  await form.locator('input[name="name"]').fill("nightly");
+  await form.locator('select[name="role"]').selectOption("viewer");
+  await form.locator('button[type="submit"]').click();
+  await shows(dialog.locator(".admin-token-row"), "nightly");
+  const shown = await dialog.locator(".admin-token").textContent();
+  const token = /(zel_[0-9a-f]+)/.exec(shown)?.[1];
+  assert.ok(token, `the token is shown once: ${shown}`);
+  const asToken = () => fetch(`${base}/api/session`, { headers: { Authorization: `Bearer ${token}` } }).then((r) => r.json());
+  assert.equal((await asToken()).role, "viewer");
+
+  await dialog.locator(".admin-token-row", { hasText: "nightly" }).locator("button", { hasText: "Revoke" }).click();
+  await dialog.locator(".admin-token-row", { hasText: "nightly" }).waitFor({ state: "detached" });
+  assert.equal((await asToken()).role, "anonymous", "a revoked token names nobody");
+  await dialog.locator("button", { hasText: "Close" }).click();
+});
+
 test("after logout the page only reads, and a page of another site changes nothing", async () => {
   await page.goto(`${base}/#/channels`);
   await page.locator("#login button", { hasText: "Log out" }).click();
