@@ -44,6 +44,12 @@ class Root : public Component {
   // The root of the running system (the most recently made one), or null.
   static Root* instance();
 
+  // A part without which the instrument must not run (the web server that
+  // cannot listen) says so in its start(); the program then stops in order
+  // and exits with a failure status. The reason is logged by the caller.
+  void fail_start() { start_failed_ = true; }
+  bool start_failed() const { return start_failed_.load(); }
+
   // Configuration elements that could not be built since the last reset.
   static void count_configuration_error();
   static unsigned configuration_errors();
@@ -57,4 +63,5 @@ class Root : public Component {
   mutable std::condition_variable start_done_;
   mutable bool starting_ = false;  // guarded by start_mutex_
   bool stopped_ = false;
+  std::atomic<bool> start_failed_{false};
 };

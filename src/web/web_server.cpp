@@ -150,7 +150,12 @@ void WebServer::start() {
     ios.push_back(&running->contexts.back()->io());
   }
   running->listener = std::make_shared<WebListener>(*ios.front(), ios, running->shared);
-  if (!running->listener->open({address, static_cast<uint16_t>(port)})) return;
+  if (auto failure = running->listener->open({address, static_cast<uint16_t>(port)}); !failure.empty()) {
+    // An instrument without its page cannot be operated: stop rather than run on.
+    ZEL_ERROR("Web server cannot listen on port {} ({}); the program stops", port, failure);
+    if (auto* tree = root()) tree->fail_start();
+    return;
+  }
   port_.set(running->listener->port());
   ZEL_INFO("Web server listening on port {}", port_.get());
   // Buffers of clients that have gone go back to the system within seconds.

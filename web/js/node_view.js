@@ -3,6 +3,8 @@ import * as api from "./api.js";
 import { h, title } from "./dom.js";
 import { chipView } from "./chip_views.js";
 import { actionButton, fieldRow, liveValue } from "./fields.js";
+import { isInterlockType, isPermitType } from "./interlock_state.js";
+import { interlockSection, permitSection, stateChip } from "./interlock_view.js";
 
 function breadcrumb(path) {
   const parts = path ? path.split("/") : [];
@@ -51,9 +53,23 @@ export async function showNode(container, path, live, { showHidden }) {
     stops.push(row.stop);
     values.append(row.element);
   };
-  if (node.value) addRow({ ...node.value, detail: "" }, { label: "Value" });
-  for (const field of node.fields) addRow(field);
+  const interlock = isInterlockType(node.type);
+  const permit = isPermitType(node.type) ? permitSection(node, live, stops) : null;
+  // An interlock's or permit's value is its state, shown above in words.
+  if (node.value && !interlock && !permit) addRow({ ...node.value, detail: "" }, { label: "Value" });
+  for (const field of node.fields) {
+    if (field.name === "trip_time") continue;  // shown as the countdown
+    addRow(field);
+    if (permit && field.name === "user_command") values.append(h("div", { class: "row-note" }, permit.command));
+  }
   for (const io of ios) {
+    if (isInterlockType(io.type)) {
+      values.append(h("div", { class: "row", dataset: { path: io.value.path } },
+        h("div", { class: "row-label" }, h("a", { href: `#/${io.path}`, class: "label" }, title(io)),
+          io.detail ? h("span", { class: "detail" }, io.detail) : null),
+        h("div", { class: "row-value" }, stateChip(io, live, stops)), h("div", {}), h("div", {})));
+      continue;
+    }
     addRow({ ...io.value, detail: io.detail, units: io.value.units || io.units, readonly: io.value.readonly || io.readonly },
       { label: title(io), link: io.path });
   }
@@ -68,6 +84,8 @@ export async function showNode(container, path, live, { showHidden }) {
   ];
   const chip = chipView(node, live, stops);
   if (chip) sections.push(chip);
+  if (interlock) sections.push(interlockSection(node, live, stops));
+  if (permit) sections.push(permit.section);
   if (values.children.length) sections.push(h("section", { class: "panel" }, h("h2", {}, "Values"), values));
   if (node.buttons.length) {
     sections.push(h("section", { class: "panel" }, h("h2", {}, "Actions"),

@@ -86,6 +86,10 @@ class InterlockIO : public StateIO<int> {
   ValueField<double>& error_time_duration() const { return error_time_duration_; }
   // The stamp (wall-clock nanoseconds) of the state's last change.
   ValueField<unsigned long long>& state_time() const { return state_time_; }
+  // While an error is pending, the stamp (wall-clock nanoseconds) at which
+  // it trips if it holds; 0 otherwise. Lets a page show the delay running
+  // out instead of a bare OK.
+  ValueField<unsigned long long>& trip_time() const { return trip_time_; }
 
   // Publishes the state once the tree runs: the condition is taken from the
   // inputs as they are and evaluated.
@@ -115,6 +119,8 @@ class InterlockIO : public StateIO<int> {
   void follow_state();
   // A pending error: makes sure a timer re-evaluates when its duration ends.
   void arm_trip_timer();
+  // Records whether an error is pending, and when it trips (trip_time).
+  void set_pending(bool pending);
 
   DigitalIO& enabled_;
   DigitalIO& latching_;
@@ -124,6 +130,7 @@ class InterlockIO : public StateIO<int> {
   ValueField<bool>& latching_value_;
   ValueField<double>& error_time_duration_;
   ValueField<unsigned long long>& state_time_;
+  ValueField<unsigned long long>& trip_time_;
   Field<std::string>* color_ = nullptr;
   Field<int> condition_{"condition"};  // internal, not a child
   TimerIO condition_timer_{VTree("condition_timer")};  // internal, not a child
