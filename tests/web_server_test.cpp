@@ -464,6 +464,7 @@ TEST(WebHttpApi, InterlockOverviewListsInterlocksAndColouredNodesOfTheManagerOnl
   EXPECT_EQ(door["color_field"], "interlocks/door/color");
   EXPECT_EQ(door["state_field"], "interlocks/door/value");
   EXPECT_EQ(overview["items"][1]["state"], 1);
+  EXPECT_FALSE(door.contains("inputs")) << "a coloured node is no interlock";
   EXPECT_EQ(overview["manager"]["path"], "interlocks");
 }
 

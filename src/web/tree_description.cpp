@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/io/interlock_io.hpp"
 #include "core/io/interlock_manager.hpp"
 #include "core/io/io.hpp"
 #include "core/node.hpp"
@@ -169,6 +170,11 @@ std::string TreeDescription::interlocks(const Vertex& root) {
         {"state_field", state ? state->path() : ""},
         {"state", state ? value_of(*state) : json()},
     });
+    if (auto* interlock = dynamic_cast<const InterlockIO*>(node)) {
+      json inputs = json::array();
+      for (auto* field : interlock->watched()) inputs.push_back(field->path());
+      items.back()["inputs"] = std::move(inputs);
+    }
   });
   json out{{"items", std::move(items)}};
   // With its children: the summary, message and enable_all are IOs.

@@ -312,6 +312,12 @@ test("interlocks show their state in words, a pending trip counts down, a revoke
   const refused = await fetch(`${base}/io/chamber/hv_enable`, { method: "PUT", body: "false", headers: { cookie } });
   assert.equal(refused.status, 403);
   assert.match(refused.headers.get("x-zel-error"), /is driven by 'chamber\/hv_permit'/);
+  // The limits stand next to the value they guard, which is marked beyond them.
+  const pressure = rowOf("chamber/pressure/value");
+  await shows(pressure.locator(".guard"), "warns above 5 · trips above 10 mbar (Vacuum)");
+  await put("chamber/pressure", "12");
+  await pressure.locator(".value.beyond-limit").waitFor();
+  await put("chamber/pressure", "1");
 });
 
 test("a chip's panel draws its display and shows its fault while it does not answer", async () => {

@@ -3,10 +3,14 @@ import * as api from "./api.js";
 import { h, humanize, title } from "./dom.js";
 import { formatValue, stampTime, valueText } from "./format.js";
 import { confirmAction, toast } from "./notices.js";
-import { TrendChart } from "./trends.js";
+import { beyond, guardText, guardsOf } from "./guards.js";
+import { TrendChart, trendsShown } from "./trends.js";
 import { openTrend } from "./trend_dialog.js";
 
 const NUMERIC = new Set(["double", "float", "int", "uint8", "uint16", "uint32", "uint64"]);
+
+const FLASH = [{ backgroundColor: "#ffe58a" }, { backgroundColor: "transparent" }];
+const FLASH_TIMING = { duration: 1000, easing: "ease-out" };
 
 // Stamps of these fields are times, not quantities.
 const isTimeField = (field) => field.type === "uint64" && /(^|_)time$/.test(field.name ?? "");
@@ -37,11 +41,8 @@ export function liveValue(field, live, extraClass = "") {
   const stop = live.watch(field.path, (value, stamp) => {
     show(value, stamp);
     time.textContent = stampTime(stamp);
-    if (formatValue(value) !== formatValue(last)) {
-      text.classList.remove("changed");
-      void text.offsetWidth;  // restarts the flash
-      text.classList.add("changed");
-    }
+    // The flash as an animation of its own: restarting it forces no layout.
+    if (formatValue(value) !== formatValue(last)) text.animate(FLASH, FLASH_TIMING);
     last = value;
   });
   return { text, time, stop };
@@ -121,10 +122,13 @@ export function fieldRow(field, live, { label, link } = {}) {
   const name = link ? h("a", { href: `#/${link}`, class: "label" }, label ?? title(field)) : h("span", { class: "label" }, label ?? title(field));
   // Every numeric value has its trend: a sparkline, and a chart on click.
   let trend = null;
-  if (NUMERIC.has(field.type) && !isTimeField(field)) {
+  if (NUMERIC.has(field.type) && !isTimeField(field) && trendsShown()) {
     trend = new TrendChart(field.path, live);
     const open = h("button", { type: "button", class: "trend-open", title: "Show the trend", "aria-label": `Trend of ${label ?? title(field)}` }, trend.element);
-    open.addEventListener("click", () => openTrend(field, live, label ?? title(field)));
+    open.addEventListener("click", async () => {
+      const bands = (await guardsOf(field.path)).flatMap((g) => g.bands);
+      openTrend(field, live, label ?? title(field), bands);
+    });
     trend.button = open;
   }
   row.append(
@@ -135,6 +139,7 @@ export function fieldRow(field, live, { label, link } = {}) {
     h("div", { class: "row-error", role: "alert", hidden: true }),
   );
   const stops = [shown.stop, editor.stop, trend && (() => trend.stop())].filter(Boolean);
+  if (NUMERIC.has(field.type)) showGuards(field, live, row, shown.text, stops);
   return { element: row, stop: () => stops.forEach((stop) => stop()) };
 }
 
@@ -157,4 +162,19 @@ export function actionButton(button, node, afterDone) {
     else toast(`${label} refused: ${result.error}`);
   });
   return element;
+}
+
+// The limits guarding a value, under its label; the value marked while beyond.
+async function showGuards(field, live, row, text, stops) {
+  const list = await guardsOf(field.path);
+  if (!list.length || !row.isConnected && !row.parentNode) return;
+  const label = row.querySelector(".row-label");
+  for (const guard of list) label.append(h("span", { class: "guard" }, guardText(guard)));
+  const mark = (value) => {
+    const state = beyond(value, list);
+    text.classList.toggle("beyond-limit", state === "limit");
+    text.classList.toggle("beyond-warning", state === "warning");
+  };
+  mark(field.value);
+  stops.push(live.watch(field.path, mark));
 }

@@ -5,6 +5,7 @@
 import * as api from "./api.js";
 import { h, title } from "./dom.js";
 import { actionButton, fieldRow } from "./fields.js";
+import { learnGuards } from "./guards.js";
 import { colorState, interlockState, isInterlockType, isPermitType, permitState, summaryState, worst } from "./interlock_state.js";
 
 export class InterlockPanel {
@@ -31,6 +32,7 @@ export class InterlockPanel {
     this.stops = [];
     this.entries = [];
     const overview = await api.interlocks();
+    learnGuards(overview);
     const items = overview.items ?? [];
     this.section.hidden = items.length === 0;
     const tiles = items.map((item) => this.tile(item));

@@ -27,6 +27,9 @@ export function chartLibrary() {
   return library;
 }
 
+// The operator may hide the sparklines (a slow display); on by default.
+export const trendsShown = () => localStorage.getItem("zel.trends") !== "off";
+
 export function trendWindow() {
   const seconds = Number(localStorage.getItem("zel.trendWindow"));
   return WINDOWS.some((w) => w.seconds === seconds) ? seconds : WINDOWS[0].seconds;

@@ -91,6 +91,9 @@ class InterlockIO : public StateIO<int> {
   // out instead of a bare OK.
   ValueField<unsigned long long>& trip_time() const { return trip_time_; }
 
+  // The values this interlock watches (its inputs), once the tree is built:
+  // a page draws the limits next to them.
+  const std::vector<const FieldBase*>& watched() const { return watched_; }
   // Publishes the state once the tree runs: the condition is taken from the
   // inputs as they are and evaluated.
   void start() override;
@@ -136,6 +139,7 @@ class InterlockIO : public StateIO<int> {
   TimerIO condition_timer_{VTree("condition_timer")};  // internal, not a child
   std::function<int()> condition_function_;
   std::atomic<bool> pending_{false};
+  std::vector<const FieldBase*> watched_;  // filled while the tree is built, read-only after
   bool held_error_ = false;  // a broken configuration: the condition stays 1
   // Steady-clock deadline of the armed trip timer; 0 when none is armed.
   std::atomic<int64_t> armed_until_ns_{0};

@@ -142,6 +142,7 @@ void InterlockIO::watch(IOBase& input) {
   auto* field = input.value_field();
   if (!field) throw ConfigError("'" + path() + "' can't watch '" + input.path() + "': it has no value");
   field->listen([this] { refresh(); });
+  watched_.push_back(field);
 }
 
 void InterlockIO::refresh() {
