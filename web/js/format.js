@@ -34,7 +34,8 @@ export function formatNumber(value, type) {
 export function valueText(value, type) {
   if (type === "string") return typeof value === "string" ? value : "";
   if (value === null || value === undefined) return "";
-  return typeof value === "string" ? value : formatValue(value);
+  if (typeof value === "bigint") return String(value);
+  return typeof value === "string" ? value : JSON.stringify(value);
 }
 
 // A stamp (nanoseconds since the epoch, BigInt or number) as milliseconds.
