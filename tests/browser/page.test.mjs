@@ -331,8 +331,10 @@ test("a chip's panel draws its display and shows its fault while it does not ans
   await shows(page.locator(".chip-fault"), "Answering");
   await put("i2c/simulation/port/answering", "false");
   await shows(page.locator(".chip-fault.raised"), "I2C read failure: readState()");
+  await shows(page.locator(".panel.stale .stale-note"), "Stale: the source does not answer");
   await put("i2c/simulation/port/answering", "true");
   await shows(page.locator(".chip-fault:not(.raised)"), "Answering");
+  assert.equal(await page.locator(".panel.stale").count(), 0, "fresh again once it answers");
 });
 
 test("after logout the page only reads, and a page of another site changes nothing", async () => {

@@ -31,6 +31,21 @@ function partCard(child, live, stops) {
   return card;
 }
 
+// A driver whose hardware does not answer says so in its "fault" field: the
+// values it read are stale until it answers again.
+function markStale(node, panel, live, stops) {
+  const fault = node.fields.find((f) => f.name === "fault" && f.type === "string");
+  if (!fault) return;
+  const note = h("p", { class: "stale-note", role: "status" });
+  panel.insertBefore(note, panel.children[1]);
+  const show = (text) => {
+    panel.classList.toggle("stale", Boolean(text));
+    note.textContent = text ? `Stale: the source does not answer (${text}); these are its last values.` : "";
+  };
+  show(fault.value);
+  stops.push(live.watch(fault.path, show));
+}
+
 // Draws the node at `path` into `container`; resolves to a function that
 // ends its live watches.
 export async function showNode(container, path, live, { showHidden }) {
@@ -86,7 +101,11 @@ export async function showNode(container, path, live, { showHidden }) {
   if (chip) sections.push(chip);
   if (interlock) sections.push(interlockSection(node, live, stops));
   if (permit) sections.push(permit.section);
-  if (values.children.length) sections.push(h("section", { class: "panel" }, h("h2", {}, "Values"), values));
+  if (values.children.length) {
+    const panel = h("section", { class: "panel" }, h("h2", {}, "Values"), values);
+    markStale(node, panel, live, stops);
+    sections.push(panel);
+  }
   if (node.buttons.length) {
     sections.push(h("section", { class: "panel" }, h("h2", {}, "Actions"),
       h("div", { class: "actions" }, node.buttons.map((b) => actionButton(b, node)))));
