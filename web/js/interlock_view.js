@@ -6,6 +6,7 @@ import * as api from "./api.js";
 import { h } from "./dom.js";
 import { formatValue, stampTime } from "./format.js";
 import { interlockState, isInterlockType, permitState } from "./interlock_state.js";
+import { toast } from "./notices.js";
 
 const fieldOf = (node, name) => node.fields.find((f) => f.name === name);
 const assigned = (field) => field && field.stamp !== 0 && field.stamp !== 0n;
@@ -72,9 +73,10 @@ export function permitSection(node, live, stops) {
   let granted = node.value?.value;
   let user = fieldOf(node, "user_command")?.value;
   let gate = fieldOf(node, "gate_command")?.value;
+  const trippedLocks = () => [...locks.values()].filter((l) => Number(l.value) === 1).map((l) => l.label);
   const paint = () => {
     const state = permitState(granted);
-    const tripped = [...locks.values()].filter((l) => Number(l.value) === 1).map((l) => l.label);
+    const tripped = trippedLocks();
     box.dataset.color = state.color;
     word.textContent = state.word;
     why.textContent = granted === false ? `by ${tripped.join(", ") || "an interlock"}` : "";
@@ -99,7 +101,25 @@ export function permitSection(node, live, stops) {
     paint();
   }).catch(() => {});
   paint();
-  return { section: h("section", { class: "panel interlock-view" }, h("h2", {}, "Permit"), box), command };
+  // A command given while the permit is revoked or the gate holds is taken
+  // and withdrawn or held at once: the row says why, as for a refused set.
+  const explain = (row) => {
+    const box = row.querySelector("input[type=checkbox]");
+    box?.addEventListener("change", () => {
+      if (!box.checked) return;
+      setTimeout(() => {
+        if (granted !== false && gate !== true) return;
+        const error = row.querySelector(".row-error");
+        error.hidden = false;
+        error.textContent = granted === false
+          ? `Refused: the permit is revoked by ${trippedLocks().join(", ") || "an interlock"}; the command was withdrawn.`
+          : "Held off: the gate holds the output off.";
+        row.classList.add("refused");
+        toast(error.textContent);
+      }, 400);
+    });
+  };
+  return { section: h("section", { class: "panel interlock-view" }, h("h2", {}, "Permit"), box), command, explain };
 }
 
 // A state chip for an interlock shown as a row of its parent's view.

@@ -75,7 +75,10 @@ export async function showNode(container, path, live, { showHidden }) {
   for (const field of node.fields) {
     if (field.name === "trip_time") continue;  // shown as the countdown
     addRow(field);
-    if (permit && field.name === "user_command") values.append(h("div", { class: "row-note" }, permit.command));
+    if (permit && field.name === "user_command") {
+      permit.explain(values.lastElementChild);
+      values.append(h("div", { class: "row-note" }, permit.command));
+    }
   }
   for (const io of ios) {
     if (isInterlockType(io.type)) {
