@@ -42,7 +42,7 @@ export function liveValue(field, live, extraClass = "") {
     show(value, stamp);
     time.textContent = stampTime(stamp);
     // The flash as an animation of its own: restarting it forces no layout.
-    if (formatValue(value) !== formatValue(last)) text.animate(FLASH, FLASH_TIMING);
+    if (!notAssigned(value, stamp) && formatValue(value) !== formatValue(last)) text.animate(FLASH, FLASH_TIMING);
     last = value;
   });
   return { text, time, stop };

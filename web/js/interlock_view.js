@@ -46,15 +46,18 @@ export function interlockSection(node, live, stops) {
   const box = h("div", { class: "state-box", dataset: { path: node.path } }, word, since, note);
   let value = node.value?.value;
   let tripTime = fieldOf(node, "trip_time")?.value ?? 0n;
+  let stateTime = 0n;
   const paint = () => {
     const state = interlockState(value, tripTime);
     box.dataset.color = state.color;
     word.textContent = state.word;
     note.textContent = state.note ?? "";
+    // While a trip is pending the state's own time says nothing of it.
+    since.textContent = stateTime && stateTime !== 0n && !state.note ? `since ${stampTime(stateTime)}` : "";
   };
   follow(live, stops, node.value, (v) => { value = v; paint(); });
   follow(live, stops, fieldOf(node, "trip_time"), (t) => { tripTime = t; paint(); });
-  follow(live, stops, fieldOf(node, "state_time"), (t) => { since.textContent = t && t !== 0n ? `since ${stampTime(t)}` : ""; });
+  follow(live, stops, fieldOf(node, "state_time"), (t) => { stateTime = t; paint(); });
   const timer = setInterval(paint, 200);
   stops.push(() => clearInterval(timer));
   const condition = conditionText(node);
