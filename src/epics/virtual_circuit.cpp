@@ -191,18 +191,22 @@ void VirtualCircuit::read_notify(const ca::Header& h) {
     reply.parameter1 = ca::kBadCount;
     return ca::append_message(output_, reply);
   }
-  auto value = ch->entry->read();
-  if (!(ch->rights & ca::kReadAccess)) {
+  ch->entry->read(value_, dbr::form_of(h.data_type) >= dbr::Gr);
+  append_value(reply, *ch);
+}
+
+void VirtualCircuit::append_value(ca::Header reply, const Channel& ch) {
+  if (!(ch.rights & ca::kReadAccess)) {
     reply.parameter1 = ca::kNoReadAccess;
-    value = {};
+    value_.clear();
   }
-  auto payload = dbr::encode(h.data_type, h.data_count, value);
-  if (!payload) {
+  payload_.clear();
+  if (!dbr::encode(reply.data_type, reply.data_count, value_, payload_)) {
     reply.parameter1 = ca::kBadType;
     return ca::append_message(output_, reply);
   }
-  if (reply.data_count == 0) reply.data_count = static_cast<uint32_t>(std::max<size_t>(value.count(), 1));
-  ca::append_message(output_, reply, *payload);
+  if (reply.data_count == 0) reply.data_count = static_cast<uint32_t>(std::max<size_t>(value_.count(), 1));
+  ca::append_message(output_, reply, payload_);
 }
 
 void VirtualCircuit::write(const ca::Header& h, std::string_view payload, bool notify) {
@@ -313,24 +317,16 @@ void VirtualCircuit::flush_monitors() {
 void VirtualCircuit::send_update(Monitor& monitor, bool initial) {
   auto* ch = channel(monitor.sid);
   if (!ch) return;
-  auto value = ch->entry->read();
-  bool value_changed = value.stamp_ns != monitor.sent_stamp;
-  bool alarm_changed = value.severity != monitor.sent_severity || value.status != monitor.sent_status;
+  ch->entry->read(value_, dbr::form_of(monitor.type) >= dbr::Gr);
+  bool value_changed = value_.stamp_ns != monitor.sent_stamp;
+  bool alarm_changed = value_.severity != monitor.sent_severity || value_.status != monitor.sent_status;
   bool wanted = initial || (value_changed && (monitor.mask & (ca::kMaskValue | ca::kMaskLog))) ||
                 (alarm_changed && (monitor.mask & ca::kMaskAlarm));
   if (!wanted) return;
-  monitor.sent_stamp = value.stamp_ns;
-  monitor.sent_severity = value.severity;
-  monitor.sent_status = value.status;
-  ca::Header reply{ca::kEventAdd, 0, monitor.type, monitor.count, ca::kNormal, monitor.id};
-  if (!(ch->rights & ca::kReadAccess)) {
-    reply.parameter1 = ca::kNoReadAccess;
-    value = {};
-  }
-  auto payload = dbr::encode(monitor.type, monitor.count, value);
-  if (!payload) return;
-  if (reply.data_count == 0) reply.data_count = static_cast<uint32_t>(std::max<size_t>(value.count(), 1));
-  ca::append_message(output_, reply, *payload);
+  monitor.sent_stamp = value_.stamp_ns;
+  monitor.sent_severity = value_.severity;
+  monitor.sent_status = value_.status;
+  append_value({ca::kEventAdd, 0, monitor.type, monitor.count, ca::kNormal, monitor.id}, *ch);
 }
 
 // ---- Output ----------------------------------------------------------------
