@@ -177,7 +177,7 @@ void VirtualCircuit::create_channel(const ca::Header& h, std::string_view payloa
 
 void VirtualCircuit::clear_channel(const ca::Header& h) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, h.parameter2, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, h.parameter2, ca::kBadChannel, "no such channel");
   for (auto& [id, monitor] : ch->monitors) monitors_.erase(id);
   channels_.erase(h.parameter1);
   ca::append_message(output_, {ca::kClearChannel, 0, 0, 0, h.parameter1, h.parameter2});
@@ -185,7 +185,7 @@ void VirtualCircuit::clear_channel(const ca::Header& h) {
 
 void VirtualCircuit::read_notify(const ca::Header& h) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, 0, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, 0, ca::kBadChannel, "no such channel");
   ca::Header reply{ca::kReadNotify, 0, h.data_type, h.data_count, ca::kNormal, h.parameter2};
   if (h.data_count > kCountMax) {
     reply.parameter1 = ca::kBadCount;
@@ -214,7 +214,7 @@ void VirtualCircuit::write(const ca::Header& h, std::string_view payload, bool n
   uint32_t status = ca::kNormal;
   std::string reason;
   if (!ch) {
-    status = ca::kBadType;
+    status = ca::kBadChannel;
     reason = "no such channel";
   } else if (auto written = dbr::decode(h.data_type, h.data_count, payload); !written) {
     status = h.data_type > dbr::Double ? ca::kBadType : ca::kBadCount;
@@ -249,7 +249,7 @@ void VirtualCircuit::send_error(const ca::Header& request, uint32_t cid, uint32_
 
 void VirtualCircuit::add_event(const ca::Header& h, std::string_view payload) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, 0, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, 0, ca::kBadChannel, "no such channel");
   if (h.data_type > dbr::kLastType || h.data_count > kCountMax) {
     return ca::append_message(output_, {ca::kEventAdd, 0, h.data_type, h.data_count,
                                         h.data_type > dbr::kLastType ? ca::kBadType : ca::kBadCount, h.parameter2});
@@ -279,7 +279,7 @@ void VirtualCircuit::add_event(const ca::Header& h, std::string_view payload) {
 
 void VirtualCircuit::cancel_event(const ca::Header& h) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, 0, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, 0, ca::kBadChannel, "no such channel");
   monitors_.erase(h.parameter2);
   ch->monitors.erase(h.parameter2);
   ca::append_message(output_, {ca::kEventAdd, 0, h.data_type, h.data_count, h.parameter1, h.parameter2});
