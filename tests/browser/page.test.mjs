@@ -396,14 +396,18 @@ test("an alarm appears on a trip, is acknowledged on the page and is still ackno
   await dialog.locator("#login-submit").click();
   await shows(page.locator("#login"), "admin (admin)");
 
-  const newest = () => page.locator('.alarm-row[data-path="interlocks/door"]').first();
+  const { last } = await (await fetch(`${base}/api/alarms?limit=1`)).json();
   await put("sensors/door_open", "true");
   await shows(page.locator("#alarm-banner"), "unacknowledged alarm");
   await page.locator("#alarm-banner").click();
-  await shows(newest(), "TRIPPED");
-  assert.equal(await newest().getAttribute("data-kind"), "trip");
-  assert.match(await newest().locator(".alarm-text").textContent(), /'sensors\/door_open' is true/);
-  const id = await newest().getAttribute("data-id");
+  // The trip's own row: newer than anything the journal held before it.
+  await page.waitForFunction((before) => Number(document.querySelector(".alarm-row")?.dataset.id) > before, last);
+  const newest = page.locator(".alarm-row").first();
+  await shows(newest, "TRIPPED");
+  assert.equal(await newest.getAttribute("data-path"), "interlocks/door");
+  assert.equal(await newest.getAttribute("data-kind"), "trip");
+  assert.match(await newest.locator(".alarm-text").textContent(), /'sensors\/door_open' is true/);
+  const id = await newest.getAttribute("data-id");
   const row = page.locator(`.alarm-row[data-id="${id}"]`);
   await row.locator(".alarm-ack-button").click();
   await shows(row.locator(".alarm-ack"), "acknowledged by admin");
