@@ -13,6 +13,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-numpy  # the independent reference of the calibration fit test
   chromium nodejs npm  # the browser tests
+  libca4.13.5 python3-pyepics  # the Channel Access tests drive the server with the EPICS client library
 )
 # The quality gates' own tools, installed when a gate asks by name
 # (scripts/setup.sh fuzz, scripts/setup.sh armhf); other arguments are package names.
@@ -33,7 +34,10 @@ for p in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
+if [[ ${#missing[@]} -eq 0 ]]; then
+  "$(dirname "$0")/web-libraries.sh"
+  exit 0
+fi
 
 echo "setup: installing ${missing[*]}"
 sudo=""
@@ -41,3 +45,5 @@ sudo=""
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The page's libraries (npm), served by the instrument itself.
+"$(dirname "$0")/web-libraries.sh"

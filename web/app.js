@@ -1,5 +1,6 @@
 // The ZEL operator page: the system tree with live values, the interlock
 // overview and the log, all drawn from what the instrument describes.
+import { AlarmPanel } from "./js/alarm_panel.js";
 import { AdminView } from "./js/admin_view.js";
 import { InterlockPanel } from "./js/interlock_panel.js";
 import { LiveConnection } from "./js/live.js";
@@ -16,6 +17,7 @@ const options = () => ({ showHidden: showHiddenBox.checked });
 const nav = new TreeNav(document.getElementById("tree"), options());
 const interlocks = new InterlockPanel(live);
 new LogPanel(live);
+new AlarmPanel(live);
 const login = new LoginBox(document.getElementById("login"), document.getElementById("login-dialog"));
 login.refresh().catch(() => {});
 new AdminView(document.getElementById("login"));
@@ -42,6 +44,9 @@ async function route() {
 }
 
 async function loadAll() {
+  // The node in view first: its values are what the operator waits for.
+  route();
+  interlocks.load().catch(() => {});
   try {
     const root = await nav.load();
     const name = root.label || "Instrument";
@@ -50,10 +55,15 @@ async function loadAll() {
   } catch (error) {
     document.getElementById("instrument").textContent = "Instrument not reachable";
   }
-  interlocks.load().catch(() => {});
-  route();
+  nav.reveal(nav.current);
 }
 
+const trendsBox = document.getElementById("show-trends");
+trendsBox.checked = localStorage.getItem("zel.trends") !== "off";
+trendsBox.addEventListener("change", () => {
+  localStorage.setItem("zel.trends", trendsBox.checked ? "on" : "off");
+  route();
+});
 showHiddenBox.addEventListener("change", () => {
   localStorage.setItem("zel.showHidden", String(showHiddenBox.checked));
   nav.showHidden = showHiddenBox.checked;

@@ -7,9 +7,11 @@
 //
 // A round starts at once when the previous one is at least `spacing` ago,
 // else when it will be: no session pushes more often than that, and a change
-// waits at most `spacing` plus the time the rounds before it take. A session
-// whose write has not completed (a stalled client) does nothing in a round
-// and asks again once the write completes, so it holds up nobody.
+// waits at most `spacing` plus the time the rounds before it take. With a
+// spacing of 0 every request runs a round at once and the sessions' sockets
+// set the pace. A session whose write has not completed (a stalled client)
+// does nothing in a round and pushes once the write completes, so it holds
+// up nobody.
 //
 // Any thread may ask; rounds run on the io_context's thread. The sessions
 // are held weakly: one that ended meanwhile is skipped.

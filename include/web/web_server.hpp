@@ -8,7 +8,8 @@
 // Settings: "port", "address" (default "0.0.0.0", every interface),
 // "threads" (network threads, default one per core up to 4), "push_spacing"
 // (milliseconds, the shortest time between two pushes to one WebSocket
-// client; 0 pushes every change at once, at most 1000), and the limits
+// client, 0 to 1000; the default 0 paces pushes by the socket alone),
+// "websocket_compression" (offer permessage-deflate, default false), and the limits
 // on what one client can make the server hold (WebLimits: "http_body_max",
 // "http_header_max", "http_buffer_max", "http_pipeline_max",
 // "http_output_max", "http_output_total_max", "socket_send_buffer", "websocket_message_max", "subscriptions_max",
@@ -73,6 +74,7 @@ class WebServer : public Component {
   ValueField<std::string>& address_;
   ValueField<int>& threads_;
   ValueField<double>& push_spacing_;
+  ValueField<bool>& websocket_compression_;
   ValueField<bool>& anonymous_write_;
   ValueField<std::string>& allowed_hosts_;
   ValueField<std::string>& allowed_origins_;

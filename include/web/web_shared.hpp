@@ -24,7 +24,9 @@ class Root;
 // Everything a client can make the server hold is capped here; the web
 // server node's settings of the same names override the defaults.
 struct WebLimits {
-  static constexpr std::chrono::microseconds kDefaultPushSpacing{2000};
+  // 0: a session pushes as soon as its previous write is done (idle.md,
+  // "Push cadence"); a setting above 0 makes it the shortest time between two.
+  static constexpr std::chrono::microseconds kDefaultPushSpacing{0};
 
   size_t http_body_max = 1u << 20;        // a request body above this gets 413
   size_t http_header_max = 16u << 10;     // request line and headers above this get 431
@@ -43,6 +45,9 @@ struct WebLimits {
   size_t websocket_message_max = 1u << 20;  // a bigger message closes the connection (1009)
   std::chrono::seconds websocket_idle_timeout{60};  // pinged at half, closed when silent
   std::chrono::microseconds push_spacing = kDefaultPushSpacing;  // the shortest time between two pushes
+  // permessage-deflate offered to WebSocket clients: off by default, since
+  // for the short pushes it costs more CPU on both ends than it saves bytes.
+  bool websocket_compression = false;
   size_t subscriptions_max = 2000;        // per WebSocket session
   size_t connections_max = 4096;          // HTTP and WebSocket together; more get 503
   size_t connections_per_address_max = 512;

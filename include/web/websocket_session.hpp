@@ -1,13 +1,15 @@
 #pragma once
-// WebsocketSession: one upgraded connection (permessage-deflate enabled). It
-// reads client messages into its ClientProtocol and pushes the changes of
-// the fields the client watches. All of it runs on the connection's strand.
+// WebsocketSession: one upgraded connection (permessage-deflate when the
+// server offers it). It reads client messages into its ClientProtocol and
+// pushes the changes of the fields the client watches. All of it runs on the
+// connection's strand.
 //
 // Pushes: a field change anywhere asks, through the session's PushTrigger,
 // for the next push round of the session's network thread (PushRounds, which
-// keeps the server's push spacing). One write is in flight at a time; a round
-// that comes meanwhile is answered once the write completes, by asking for
-// the next one. The pass reads the fields' latest values, so a slow client
+// keeps the server's push spacing). One write is in flight at a time; what
+// changes meanwhile goes in the next write, made as soon as this one
+// completes (push spacing 0: paced by the socket) or by asking for the next
+// round (a spacing above 0). The pass reads the fields' latest values, so a slow client
 // never builds a backlog: what it misses are intermediate values of a field
 // that changed again before the client took the previous push (history
 // subscriptions keep the last 64).

@@ -4,11 +4,14 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/alarms.hpp"
 #include "core/log.hpp"
 #include "core/log_io.hpp"
 #include "core/root.hpp"
+#include "web/alarm_requests.hpp"
 #include "web/document_root.hpp"
 #include "core/write_path.hpp"
+#include "std/paths.hpp"
 #include "web/field_access.hpp"
 #include "web/tree_description.hpp"
 #include "web/web_access.hpp"
@@ -23,7 +26,8 @@ bool has_prefix_segment(std::string_view target, std::string_view prefix) {
   return rest.empty() || rest.front() == '/' || rest.front() == '?';
 }
 
-// The number after "name=" in the target's query, or `fallback`.
+}  // namespace
+
 long query_number(std::string_view target, std::string_view name, long fallback) {
   auto query = target.find('?');
   if (query == std::string_view::npos) return fallback;
@@ -41,6 +45,8 @@ long query_number(std::string_view target, std::string_view name, long fallback)
   }
   return fallback;
 }
+
+namespace {
 
 // The tree path a target names below `prefix`: "/io/a/b.json", "/io/a/b/index.json"
 // and "/io/a/b" all name "a/b". Empty optional for a malformed target.
@@ -74,6 +80,9 @@ HttpReply not_found() { return text_reply(404, HttpRouter::kFileNotFound); }
 
 }  // namespace
 
+HttpRouter::HttpRouter(Root& root, const DocumentRoot& documents, WebAccess& access)
+    : root_(root), documents_(documents), reports_(Paths::reports_dir()), access_(access) {}
+
 HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   auto target = request.target;
   bool read = request.method == "GET" || request.method == "HEAD";
@@ -81,6 +90,7 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   std::string_view allow = "GET, HEAD";
   if (auto refused = access_.refuse_plain(request)) return std::move(*refused);
   if (auto reply = access_.answer(request)) return std::move(*reply);
+  if (has_prefix_segment(target, "/api/alarms")) return AlarmRequests::answer(request, root_.alarms().journal(), access_);
   if (has_prefix_segment(target, "/io")) {
     if (read) return read_tree(target);
     if (write) {
@@ -93,7 +103,8 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
     if (has_prefix_segment(target, "/api/interlocks")) return interlocks();
     if (has_prefix_segment(target, "/api/log")) return log_records(target);
     if (has_prefix_segment(target, "/api")) return not_found();
-    return document(target);
+    if (has_prefix_segment(target, "/reports")) return document(reports_, target.substr(std::string_view("/reports").size()));
+    return document(documents_, target);
   }
   ZEL_ERROR("HTTP method {} is not allowed for '{}'", request.method.substr(0, 20), target.substr(0, 200));
   auto reply = text_reply(405, "Method not allowed");
@@ -159,9 +170,9 @@ HttpReply HttpRouter::log_records(std::string_view target) const {
   return json_reply(out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-HttpReply HttpRouter::document(std::string_view target) const {
+HttpReply HttpRouter::document(const DocumentRoot& files, std::string_view target) {
   DocumentRoot::Document file;
-  switch (documents_.find(target, file)) {
+  switch (files.find(target, file)) {
     case DocumentRoot::Result::Found: {
       HttpReply reply;
       reply.content_type = file.content_type;

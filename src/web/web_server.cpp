@@ -1,7 +1,6 @@
 #include "web/web_server.hpp"
 
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 #include <thread>
 
@@ -34,25 +33,12 @@ struct WebServer::Running {
 
 namespace {
 
-constexpr double kMaxPushSpacingMs = 1000.0;
+// Milliseconds; 0 paces pushes by the socket alone.
+constexpr FieldRange kPushSpacingRange{0.0, 1000.0};
 constexpr auto kFreeMemoryCheck = std::chrono::seconds(2);
 
 int default_threads() {
   return static_cast<int>(std::clamp(std::thread::hardware_concurrency(), 1u, 4u));
-}
-
-// The limits the sessions follow, from the settings; a spacing out of range
-// is logged and clamped.
-WebLimits limits_from(double push_spacing_ms) {
-  WebLimits limits;
-  double spacing = push_spacing_ms;
-  if (!(spacing >= 0.0 && spacing <= kMaxPushSpacingMs)) {
-    spacing = std::isnan(spacing) ? 0.0 : std::clamp(spacing, 0.0, kMaxPushSpacingMs);
-    ZEL_ERROR("Push spacing {} ms is outside 0 to {} ms; {} ms is used", push_spacing_ms, kMaxPushSpacingMs, spacing);
-  }
-  limits.push_spacing =
-      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::duration<double, std::milli>(spacing));
-  return limits;
 }
 
 template <class T>
@@ -70,6 +56,7 @@ WebServer::WebServer(const VTree& config)
       address_(add_setting<ValueField<std::string>>(config, "address")),
       threads_(add_setting<ValueField<int>>(config, "threads")),
       push_spacing_(add_setting<ValueField<double>>(config, "push_spacing")),
+      websocket_compression_(add_setting<ValueField<bool>>(config, "websocket_compression")),
       anonymous_write_(add_setting<ValueField<bool>>(config, "anonymous_write")),
       allowed_hosts_(add_setting<ValueField<std::string>>(config, "allowed_hosts")),
       allowed_origins_(add_setting<ValueField<std::string>>(config, "allowed_origins")),
@@ -82,9 +69,9 @@ WebServer::WebServer(const VTree& config)
   describe("Web Server", "Services HTTP and WebSocket requests for the system.", "applications");
   set_default("hidden", false);
   for (FieldBase* setting : std::initializer_list<FieldBase*>{&port_, &address_, &threads_, &push_spacing_,
-                                                              &anonymous_write_, &allowed_hosts_, &allowed_origins_,
-                                                              &session_timeout_, &tls_port_, &tls_certificate_,
-                                                              &tls_key_})
+                                                              &websocket_compression_, &anonymous_write_, &allowed_hosts_,
+                                                              &allowed_origins_, &session_timeout_, &tls_port_,
+                                                              &tls_certificate_, &tls_key_})
     setting->set_readonly(true);
   push_spacing_.attributes_for_update().units = "ms";
   if (!session_timeout_.assigned()) session_timeout_.set(1800);
@@ -92,8 +79,9 @@ WebServer::WebServer(const VTree& config)
   if (!tls_certificate_.assigned()) tls_certificate_.set("tls.crt");
   if (!tls_key_.assigned()) tls_key_.set("tls.key");
   if (!threads_.assigned()) threads_.set(default_threads());
-  if (!push_spacing_.assigned())
-    push_spacing_.set(std::chrono::duration<double, std::milli>(WebLimits::kDefaultPushSpacing).count());
+  double default_spacing_ms = std::chrono::duration<double, std::milli>(WebLimits::kDefaultPushSpacing).count();
+  if (!push_spacing_.assigned()) push_spacing_.set(default_spacing_ms);
+  restrict_setting(config, push_spacing_, kPushSpacingRange, default_spacing_ms);
   for (auto [name, member] : {std::pair{"http_body_max", &WebLimits::http_body_max},
                               {"http_header_max", &WebLimits::http_header_max},
                               {"http_buffer_max", &WebLimits::http_buffer_max},
@@ -112,7 +100,10 @@ WebServer::WebServer(const VTree& config)
 }
 
 WebLimits WebServer::limits() {
-  WebLimits limits = limits_from(push_spacing_.get());
+  WebLimits limits;
+  limits.push_spacing = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::duration<double, std::milli>(push_spacing_.get()));
+  limits.websocket_compression = websocket_compression_.get();
   for (auto& setting : limit_settings_) {
     if (setting.field->assigned() && setting.field->get() > 0)
       limits.*setting.member = static_cast<size_t>(setting.field->get());
@@ -158,7 +149,12 @@ void WebServer::start() {
     ios.push_back(&running->contexts.back()->io());
   }
   running->listener = std::make_shared<WebListener>(*ios.front(), ios, running->shared);
-  if (!running->listener->open({address, static_cast<uint16_t>(port)})) return;
+  if (auto failure = running->listener->open({address, static_cast<uint16_t>(port)}); !failure.empty()) {
+    // An instrument without its page cannot be operated: stop rather than run on.
+    ZEL_ERROR("Web server cannot listen on port {} ({}); the program stops", port, failure);
+    if (auto* tree = root()) tree->fail_start();
+    return;
+  }
   port_.set(running->listener->port());
   ZEL_INFO("Web server listening on port {}", port_.get());
   if (tls_port_.assigned() && listen_tls(*running, ios, address)) access->set_https_port(tls_port_.get());
@@ -191,8 +187,8 @@ bool WebServer::listen_tls(Running& running, const std::vector<net::io_context*>
   auto listener = std::make_shared<WebListener>(*ios.front(), ios, running.shared, [context](WebSocketTcp&& socket) {
     return context->channel(std::move(socket));
   });
-  if (!listener->open({address, static_cast<uint16_t>(port)})) {
-    ZEL_ERROR("HTTPS is off: port {} cannot be listened on. Plain HTTP answers the loopback only", port);
+  if (auto failure = listener->open({address, static_cast<uint16_t>(port)}); !failure.empty()) {
+    ZEL_ERROR("HTTPS is off: port {} cannot be listened on ({}). Plain HTTP answers the loopback only", port, failure);
     return false;
   }
   tls_port_.set(listener->port());

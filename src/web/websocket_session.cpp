@@ -16,12 +16,14 @@ namespace net = boost::asio;
 
 namespace {
 
-// Compression: small windows both ways keep a thousand sessions' state small
-// (client messages are short; pushes are short and repetitive, so a 2 KiB
-// window still pays), and the fastest level halves the cost per push.
-websocket::permessage_deflate deflate_options() {
+// Compression, when the server offers it: small windows both ways keep a
+// thousand sessions' state small (client messages are short; pushes are short
+// and repetitive, so a 2 KiB window still pays), and the fastest level halves
+// the cost per push. Off by default: a push of a few samples costs more to
+// deflate and inflate than it saves on the wire (idle.md, "Push cadence").
+websocket::permessage_deflate deflate_options(bool offered) {
   websocket::permessage_deflate options;
-  options.server_enable = true;
+  options.server_enable = offered;
   options.server_max_window_bits = 11;
   options.client_max_window_bits = 11;
   options.compLevel = 1;
@@ -63,7 +65,7 @@ void WebsocketSession::run(Request request) {
   timeouts.idle_timeout = limits.websocket_idle_timeout;
   timeouts.keep_alive_pings = true;
   ws_->set_option(timeouts);
-  ws_->set_option(deflate_options());
+  ws_->set_option(deflate_options(limits.websocket_compression));
   ws_->set_option(websocket::stream_base::decorator(
       [](websocket::response_type& response) { response.set(beast::http::field::server, "ZEL"); }));
   ws_->read_message_max(limits.websocket_message_max);
@@ -141,7 +143,10 @@ void WebsocketSession::on_write(beast::error_code ec, size_t) {
     if (!is_disconnect(ec)) ZEL_ERROR("write {}", ec.message());
     return end();
   }
-  if (push_wanted_) ask_for_round();
+  if (!push_wanted_) return;
+  // Paced by the socket: what changed while the write was out goes at once.
+  if (shared_->limits().push_spacing.count() == 0) return push();
+  ask_for_round();
 }
 
 void WebsocketSession::end() {

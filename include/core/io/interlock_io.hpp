@@ -77,6 +77,9 @@ class InterlockIO : public StateIO<int> {
   bool is_ok() const { return assigned() && get() == Ok; }
 
   void evaluate();
+  // The condition in words, for the alarm journal and the log: what is
+  // watched, as it is now, and the bounds it is held to.
+  virtual std::string describe_condition() const;
   // True while an error condition waits out error_time_duration: the next
   // evaluation after the duration trips it.
   bool pending() const { return pending_.load(std::memory_order_relaxed); }
@@ -86,7 +89,14 @@ class InterlockIO : public StateIO<int> {
   ValueField<double>& error_time_duration() const { return error_time_duration_; }
   // The stamp (wall-clock nanoseconds) of the state's last change.
   ValueField<unsigned long long>& state_time() const { return state_time_; }
+  // While an error is pending, the stamp (wall-clock nanoseconds) at which
+  // it trips if it holds; 0 otherwise. Lets a page show the delay running
+  // out instead of a bare OK.
+  ValueField<unsigned long long>& trip_time() const { return trip_time_; }
 
+  // The values this interlock watches (its inputs), once the tree is built:
+  // a page draws the limits next to them.
+  const std::vector<const FieldBase*>& watched() const { return watched_; }
   // Publishes the state once the tree runs: the condition is taken from the
   // inputs as they are and evaluated.
   void start() override;
@@ -105,6 +115,9 @@ class InterlockIO : public StateIO<int> {
   void guard_limits(const VTree& config, std::initializer_list<ValueField<double>*> limits, FieldRange range);
   // Holds an error condition for good (a broken configuration).
   void hold_error();
+  // The words every interlock starts with: "disabled", a broken
+  // configuration, else empty (the subclass describes its inputs).
+  std::string describe_exception() const;
   // For configured variants, in init(): resolves each link not yet bound and
   // watches it. A path that does not resolve is reported as a build failure
   // of this node, and the interlock holds an error condition from then on, so
@@ -115,6 +128,8 @@ class InterlockIO : public StateIO<int> {
   void follow_state();
   // A pending error: makes sure a timer re-evaluates when its duration ends.
   void arm_trip_timer();
+  // Records whether an error is pending, and when it trips (trip_time).
+  void set_pending(bool pending);
 
   DigitalIO& enabled_;
   DigitalIO& latching_;
@@ -124,11 +139,13 @@ class InterlockIO : public StateIO<int> {
   ValueField<bool>& latching_value_;
   ValueField<double>& error_time_duration_;
   ValueField<unsigned long long>& state_time_;
+  ValueField<unsigned long long>& trip_time_;
   Field<std::string>* color_ = nullptr;
   Field<int> condition_{"condition"};  // internal, not a child
   TimerIO condition_timer_{VTree("condition_timer")};  // internal, not a child
   std::function<int()> condition_function_;
   std::atomic<bool> pending_{false};
+  std::vector<const FieldBase*> watched_;  // filled while the tree is built, read-only after
   bool held_error_ = false;  // a broken configuration: the condition stays 1
   // Steady-clock deadline of the armed trip timer; 0 when none is armed.
   std::atomic<int64_t> armed_until_ns_{0};
