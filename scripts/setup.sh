@@ -9,9 +9,11 @@ packages=(
   nlohmann-json3-dev libpugixml-dev libfmt-dev
   libfuse3-dev fuse3
   libsodium-dev  # password hashes of the users file
+  libssl-dev  # HTTPS and WSS (OpenSSL), and the self-signed pair
   libgtest-dev libgmock-dev libbenchmark-dev
   python3-numpy  # the independent reference of the calibration fit test
   chromium nodejs npm  # the browser tests
+  libca4.13.5 python3-pyepics  # the Channel Access tests drive the server with the EPICS client library
 )
 # The quality gates' own tools, installed when a gate asks by name
 # (scripts/setup.sh fuzz, scripts/setup.sh armhf); other arguments are package names.

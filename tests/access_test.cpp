@@ -89,10 +89,13 @@ TEST(Permissions, RoleNeededFollowsTheNearestPermissionsAttributeThenTheKindOfFi
 }
 
 // Every web way in x every kind of caller x every kind of field: allowed or
-// refused, the answer, the log line, and that a refusal changed nothing.
+// refused, the answer, the log line, and that a refusal changed nothing. The
+// server has HTTPS: callers come over TLS unless they say otherwise, and
+// plain HTTP is for the loopback.
 TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
-  Rig rig;
+  Rig rig({.tls = true});
   auto& access = rig.access;
+  access.set_https_port(8443);
   auto operator_session = access.sessions().open("olga", Role::Operator);
   auto viewer_session = access.sessions().open("vera", Role::Viewer);
   auto admin_session = access.sessions().open("ada", Role::Admin);
@@ -108,15 +111,20 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
     std::string cookie;
     std::string authorization;
     std::string origin;
+    bool secure = true;
+    std::string client = "10.0.0.7:5000";
   };
   const std::vector<CallerKind> callers{
       {"anonymous", "", "", ""},
       {"viewer", cookie(viewer_session), "", ""},
-      {"operator", "theme=dark; " + cookie(operator_session), "", "http://127.0.0.1"},
+      {"operator", "theme=dark; " + cookie(operator_session), "", "https://127.0.0.1"},
       {"admin", cookie(admin_session), "", ""},
       {"foreign origin", cookie(admin_session), "", "http://evil.example"},
+      {"plain page", cookie(admin_session), "", "http://127.0.0.1"},  // the page's origin over TLS is https://
       {"expired session", cookie(stale_session), "", ""},
       {"revoked token", "", "Bearer " + *revoked, ""},
+      {"plain network", cookie(admin_session), "", "", false},
+      {"plain loopback", cookie(operator_session), "", "http://127.0.0.1", false, "127.0.0.1:5000"},
   };
   struct FieldKind {
     const char* name;
@@ -132,7 +140,7 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
   };
   auto role_of = [](const CallerKind& c) {
     if (std::string_view(c.name) == "viewer") return Role::Viewer;
-    if (std::string_view(c.name) == "operator") return Role::Operator;
+    if (std::string_view(c.name) == "operator" || std::string_view(c.name) == "plain loopback") return Role::Operator;
     if (std::string_view(c.name) == "admin") return Role::Admin;
     return Role::Anonymous;  // the others are nobody, or refused before
   };
@@ -144,19 +152,26 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
         SCOPED_TRACE(fmt::format("{} / {} / {}", websocket ? "WebSocket" : "HTTP", caller.name, field.name));
         auto& target = at<FieldBase>(*rig.root, field.path);
         std::string before = target.json() + restarts.json();
-        bool foreign = std::string_view(caller.name) == "foreign origin";
-        bool allowed = field.needed != Role::Anonymous && !foreign && at_least(role_of(caller), field.needed);
+        std::string_view kind = caller.name;
+        bool foreign = kind == "foreign origin" || kind == "plain page";
+        bool redirected = kind == "plain network";
+        bool allowed = field.needed != Role::Anonymous && !foreign && !redirected && at_least(role_of(caller), field.needed);
         LogCapture log;
         if (!websocket) {
           auto url = fmt::format("/io/{}", field.path);
-          auto reply = rig.router.answer({"PUT", url, field.text, "10.0.0.7:5000", "127.0.0.1", caller.origin,
-                                          caller.cookie, caller.authorization});
-          EXPECT_EQ(reply.body, allowed ? HttpRouter::kSuccess : HttpRouter::kFailed);
-          unsigned refused = foreign ? 403 : field.needed == Role::Anonymous ? 403 : role_of(caller) == Role::Anonymous ? 401 : 403;
-          EXPECT_EQ(reply.status, allowed ? 200u : refused) << reply.error;
-        } else if (!foreign) {  // a foreign page never gets a WebSocket (WebServerAccess)
+          auto reply = rig.router.answer({"PUT", url, field.text, caller.client, "127.0.0.1", caller.origin,
+                                          caller.cookie, caller.authorization, caller.secure});
+          if (redirected) {
+            EXPECT_EQ(reply.status, 308u);
+            EXPECT_EQ(reply.location, "https://127.0.0.1:8443" + url);
+          } else {
+            EXPECT_EQ(reply.body, allowed ? HttpRouter::kSuccess : HttpRouter::kFailed);
+            unsigned refused = foreign ? 403 : field.needed == Role::Anonymous ? 403 : role_of(caller) == Role::Anonymous ? 401 : 403;
+            EXPECT_EQ(reply.status, allowed ? 200u : refused) << reply.error;
+          }
+        } else if (!foreign && !redirected) {  // neither gets a WebSocket (WebServerAccess, WebServerTls)
           ClientProtocol protocol(*rig.root, std::make_shared<PushTrigger>(), 10,
-                                  [&] { return access.caller_of(caller.cookie, caller.authorization, "10.0.0.7:5000"); });
+                                  [&] { return access.caller_of(caller.cookie, caller.authorization, caller.client); });
           protocol.handle_message(fmt::format(R"({{"event":"set","data":{{"{}":{}}}}})", field.path, field.text));
         } else {
           continue;
@@ -164,11 +179,12 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
         std::string after = target.json() + restarts.json();
         if (allowed) {
           EXPECT_NE(after, before);
-          EXPECT_TRUE(log.contains(fmt::format("10.0.0.7:5000 {} '{}'",
+          EXPECT_TRUE(log.contains(fmt::format("{} {} '{}'", caller.client,
                                                field.needed == Role::Admin ? "pressed" : "set", field.path)));
         } else {
           EXPECT_EQ(after, before) << "a refused write changed nothing";
-          EXPECT_EQ(log.texts().size(), 1u) << "logged once";
+          EXPECT_EQ(log.texts().size(), redirected ? 0u : 1u) << "logged once; a redirection is no error";
+          if (redirected) continue;
           EXPECT_TRUE(log.contains(foreign ? "Error: Cross-origin PUT" : "Error: User can't set Field")) << log.texts().front();
         }
         if (allowed) at<FieldBase>(*rig.root, field.path).read_json(field.needed == Role::Admin ? "true" : "1");
@@ -198,10 +214,19 @@ TEST(WebAccessLogin, FirstStartCreatesAnAdminWhoseSessionCookieIsGuardedAndEndsA
   EXPECT_TRUE(login.set_cookie.starts_with("zel_session="));
   EXPECT_NE(login.set_cookie.find("; HttpOnly; SameSite=Strict"), std::string::npos);
   EXPECT_EQ(login.set_cookie.find("Secure"), std::string::npos) << "plain HTTP";
+  auto secure_login = rig.router.answer({"POST", "/api/login", R"({"user":"admin","password":")" + password + "\"}",
+                                         "10.0.0.1:1000", "127.0.0.1:8443", "https://127.0.0.1:8443", "", "", true});
+  EXPECT_EQ(secure_login.status, 200u) << secure_login.error;
+  EXPECT_NE(secure_login.set_cookie.find("; HttpOnly; SameSite=Strict; Secure"), std::string::npos);
   auto cookie = login.set_cookie.substr(0, login.set_cookie.find(';'));
   EXPECT_EQ(rig.access.caller_of(cookie, "", "x").role, Role::Admin);
   EXPECT_TRUE(log.contains("User 'admin' (admin) logged in from 10.0.0.1:1000"));
 
+  // A role changes without the password; the last admin keeps its role.
+  EXPECT_EQ(rig.router.answer({"POST", "/api/users", R"({"name":"admin","role":"expert"})", "", "", "", cookie}).error,
+            "The last admin stays an admin.");
+  EXPECT_EQ(rig.router.answer({"POST", "/api/users", R"({"name":"olga","role":"expert"})", "", "", "", cookie}).status,
+            400u) << "a new user needs a password";
   auto token = rig.router.answer({"POST", "/api/tokens", R"({"name":"nightly","role":"operator"})", "", "", "", cookie});
   ASSERT_EQ(token.status, 200u) << token.error;
   auto text = nlohmann::json::parse(token.body)["token"].get<std::string>();
@@ -251,13 +276,16 @@ TEST(WebAccessLogin, SessionsEndAfterTheIdleTimeOutButNotWhileUsed) {
 }
 
 TEST(OriginPolicy, OnlyTheInstrumentsOwnNamesAndPageMayChangeIt) {
-  OriginPolicy policy({"zel.lab"}, {"https://console.lab"}, false);
+  OriginPolicy policy({"zel.lab"}, {"https://console.lab"});
   struct Case {
     const char* host;
     const char* origin;
     bool allowed;
+    bool secure = false;
   };
   for (auto& c : {Case{"127.0.0.1:8080", "", true}, Case{"127.0.0.1:8080", "http://127.0.0.1:8080", true},
+                  Case{"127.0.0.1:8443", "https://127.0.0.1:8443", true, true},
+                  Case{"127.0.0.1:8443", "http://127.0.0.1:8443", false, true},
                   Case{"[::1]:80", "http://[::1]:80", true}, Case{"localhost:8080", "http://localhost:8080", true},
                   Case{"zel.lab", "http://zel.lab", true}, Case{"10.1.2.3", "https://console.lab", true},
                   Case{"", "", true}, Case{"127.0.0.1:8080", "http://127.0.0.1:9999", false},
@@ -265,7 +293,7 @@ TEST(OriginPolicy, OnlyTheInstrumentsOwnNamesAndPageMayChangeIt) {
                   Case{"attacker.example:8080", "http://attacker.example:8080", false},
                   Case{"attacker.example", "", false}}) {
     std::string why;
-    EXPECT_EQ(policy.allows(c.host, c.origin, why), c.allowed) << c.host << " " << c.origin << ": " << why;
+    EXPECT_EQ(policy.allows(c.host, c.origin, c.secure, why), c.allowed) << c.host << " " << c.origin << ": " << why;
   }
 }
 

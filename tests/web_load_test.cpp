@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "hostile_clients.hpp"
+#include "sanitizers.hpp"
 #include "std/process_limits.hpp"
 #include "wait_until.hpp"
 
@@ -21,13 +22,6 @@ namespace {
 using namespace hostile_clients;
 
 constexpr long kCeilingAboveIdleKiB = 96 << 10;
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-// A sanitizer's allocator keeps freed blocks in quarantine and adds shadow
-// memory: there the resident size says nothing of what the server holds.
-constexpr bool kResidentSizeTells = false;
-#else
-constexpr bool kResidentSizeTells = true;
-#endif
 constexpr auto kGoodClientP99 = 250ms;
 
 }  // namespace
@@ -41,7 +35,7 @@ TEST(WebLoad, EndlessChunkExtensionsAndTrailersAre431WithinBoundedMemory) {
   size_t most_taken = floods(server.port, endless_chunk_heads(), 4, kAttempt);
   EXPECT_LT(most_taken, kAttempt) << "the server took everything sent";
   if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
-  EXPECT_LT(good.p99(), kGoodClientP99);
+  if (kTimingTells) EXPECT_LT(good.p99(), kGoodClientP99);
   EXPECT_TRUE(server.zel->wait_for("Web client 127.0.0.1: Request header too large"));
   EXPECT_LE(server.zel->count("Request header too large (buffer)"), 1) << "logged once per client and interval";
 }
@@ -59,7 +53,7 @@ TEST(WebLoad, PipelinedReadsOfALargeValueThatAreNeverCollectedHoldOneReplyPerCon
   std::this_thread::sleep_for(2s);
   // Without the cap on queued output each would hold eight replies (240 MiB).
   if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
-  EXPECT_LT(good.p99(), kGoodClientP99);
+  if (kTimingTells) EXPECT_LT(good.p99(), kGoodClientP99);
   readers_that_never_read.clear();
   EXPECT_TRUE(!kResidentSizeTells || wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
       << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
@@ -98,7 +92,7 @@ TEST(WebLoad, DeepTreeReadsAsFastAsTheyGoLeaveAGoodClientServed) {
     Hammer deep_readers(server.port, 4, "/api/tree?depth=64");
     std::this_thread::sleep_for(3s);
   }
-  EXPECT_LT(good.p99(), kGoodClientP99);
+  if (kTimingTells) EXPECT_LT(good.p99(), kGoodClientP99);
 }
 
 TEST(WebLoad, ConnectionsBeyondTheLimitsAre503AndLoggedOncePerClient) {
@@ -134,6 +128,6 @@ TEST(WebLoad, StopWithThousandsOfClientsSavesTheLastValueAndEndsInTime) {
   auto status = server.zel->wait_exit(8s);
   auto took = std::chrono::steady_clock::now() - begin;
   EXPECT_EQ(ZelProcess::exit_code(status), 0);
-  EXPECT_LT(took, 3s);
+  EXPECT_LT(took, kTimingTells ? 3s : 8s) << "8 s is the program's own limit for a stop";
   EXPECT_THAT(server.dir.read("config/config.json"), HasSubstr("\"x\": 42"));
 }

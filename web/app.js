@@ -1,5 +1,7 @@
 // The ZEL operator page: the system tree with live values, the interlock
 // overview and the log, all drawn from what the instrument describes.
+import { AlarmPanel } from "./js/alarm_panel.js";
+import { AdminView } from "./js/admin_view.js";
 import { InterlockPanel } from "./js/interlock_panel.js";
 import { LiveConnection } from "./js/live.js";
 import { LogPanel } from "./js/log_panel.js";
@@ -15,8 +17,10 @@ const options = () => ({ showHidden: showHiddenBox.checked });
 const nav = new TreeNav(document.getElementById("tree"), options());
 const interlocks = new InterlockPanel(live);
 new LogPanel(live);
+new AlarmPanel(live);
 const login = new LoginBox(document.getElementById("login"), document.getElementById("login-dialog"));
 login.refresh().catch(() => {});
+new AdminView(document.getElementById("login"));
 
 const STATUS_TEXT = { live: "Live", connecting: "Connecting…", offline: "Disconnected — values are not live" };
 live.onStatus((status) => {

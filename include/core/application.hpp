@@ -62,6 +62,8 @@ class Application {
 
   int start(int argc, char** argv);
   bool parse_options(int argc, char** argv, int& status);
+  // --make-tls-pair: writes a self-signed pair for HTTPS; the exit status.
+  int make_tls_pair();
   void ensure_single_instance();
   void start_signal_thread();
   void stop_signal_thread();

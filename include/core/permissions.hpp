@@ -17,7 +17,7 @@
 // and a compare on every later write.
 //
 // It is the write path's permission hook (installed when the program
-// starts): writes from the web need the role; writes through the file system
+// starts): writes from the web and over Channel Access need the role; writes through the file system
 // (the mount's modes decide who reaches it), from stores and from the
 // program itself pass.
 #include <string>

@@ -1,7 +1,7 @@
 #pragma once
 // Root: the top of the system tree, made from the whole configuration. Besides
 // what the configuration lists it always owns "log", "pulse", "async",
-// "interlocks", "admin", "io_server", "iframe", "peers" and "upnp".
+// "interlocks", "alarms", "admin", "io_server", "iframe", "peers" and "upnp".
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -11,6 +11,7 @@
 #include "core/component.hpp"
 #include "core/ctx_comp.hpp"
 
+class Alarms;
 class LogIO;
 
 class Root : public Component {
@@ -40,6 +41,7 @@ class Root : public Component {
 
   Service& async() const { return *async_; }
   LogIO& log() const { return *log_; }
+  Alarms& alarms() const { return *alarms_; }
 
   // The root of the running system (the most recently made one), or null.
   static Root* instance();
@@ -52,9 +54,12 @@ class Root : public Component {
  private:
   Service* async_ = nullptr;
   LogIO* log_ = nullptr;
+  Alarms* alarms_ = nullptr;
   bool initialized_ = false;
   mutable std::mutex start_mutex_;
   mutable std::condition_variable start_done_;
-  mutable bool starting_ = false;  // guarded by start_mutex_
+  // Written under start_mutex_; read without it on every outside write, which
+  // only takes the lock while the tree is still starting.
+  mutable std::atomic<bool> starting_{false};
   bool stopped_ = false;
 };

@@ -39,7 +39,7 @@
 class FieldBase;
 class Vertex;
 
-enum class WriteSource : uint8_t { File, Http, WebSocket, Store, Local };
+enum class WriteSource : uint8_t { File, Http, WebSocket, Store, Local, Epics };
 std::string_view write_source_name(WriteSource source);
 
 // Who asks: the way in, who came through it (a client's address and user, a

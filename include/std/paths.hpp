@@ -23,5 +23,7 @@ class Paths {
   static std::string web_dir();       // "<data root>/web/"
   static std::string reports_dir();   // "<data root>/reports"
   static std::string bin_dir();       // "<data root>/bin/"
+  static std::string data_dir();      // "<data root>/data/": what the instrument records
+  static std::string alarm_journal_file();  // "<data root>/data/alarms.jsonl"
   static std::string store_file(const std::string& store);
 };

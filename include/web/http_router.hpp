@@ -13,10 +13,12 @@
 //   GET  /api/tree[/<path>]?depth=N        the tree described for pages
 //   GET  /api/interlocks                   the interlock overview
 //   GET  /api/log?after=N&limit=M          log records after sequence number N
+//   /api/alarms...                         the alarm journal: AlarmRequests
 //   /api/login, /api/logout, /api/session, /api/users, /api/tokens: WebAccess
 //   GET  anything else                     a file of the document root
 // HEAD is answered like GET without the body. Other methods get 405 with
-// Allow. A write (PUT or POST) must come from the instrument's own page
+// Allow. Under TLS, plain HTTP answers the loopback only
+// (WebAccess::refuse_plain). A write (PUT or POST) must come from the instrument's own page
 // (OriginPolicy) and is made as the caller the request's session cookie or
 // token names (anonymous without one).
 #include <string>
@@ -40,6 +42,7 @@ struct HttpRequestView {
   std::string_view origin;
   std::string_view cookie;
   std::string_view authorization;
+  bool secure = false;  // it came over TLS
 };
 
 struct HttpReply {
@@ -50,7 +53,11 @@ struct HttpReply {
   std::string error;       // sent as X-Zel-Error when not empty
   std::string_view allow;  // sent as Allow (with 405) when not empty
   std::string set_cookie;  // sent as Set-Cookie when not empty
+  std::string location;    // sent as Location (with a redirection) when not empty
 };
+
+// The number after "name=" in the target's query, or `fallback`.
+long query_number(std::string_view target, std::string_view name, long fallback);
 
 class HttpRouter {
  public:

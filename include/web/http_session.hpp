@@ -1,5 +1,5 @@
 #pragma once
-// HTTPSession: one plain HTTP connection. It reads requests (limits on header
+// HTTPSession: one HTTP connection, plain or TLS (its HttpChannel). It reads requests (limits on header
 // and body size, a time-out per read and write, "100 Continue" to a client
 // that expects it), answers them through the router in order through its
 // HttpWorkQueue, and hands the connection to a new WebsocketSession when a
@@ -16,7 +16,7 @@
 #include "web/connection_gate.hpp"
 #include "web/http_router.hpp"
 #include "web/http_work_queue.hpp"
-#include "web/web_stream.hpp"
+#include "web/web_channel.hpp"
 
 class WebShared;
 
@@ -24,13 +24,16 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
  public:
   // `slot` is the connection's place among those the server admits; the
   // client's `address` names it in the log when it runs into a limit.
-  HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot,
+  HTTPSession(std::unique_ptr<HttpChannel> channel, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot,
               std::string address);
   ~HTTPSession();
 
   void run();
 
  private:
+  // The connection may carry requests (after the TLS handshake).
+  void on_start(boost::beast::error_code ec, size_t bytes);
+  HttpChannel::Completion completion(HttpChannel::Completion::Member member);
   void do_read();
   // After the header: answers "Expect: 100-continue", then reads the body.
   void on_header(boost::beast::error_code ec, size_t bytes);
@@ -49,7 +52,7 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   void on_write(boost::beast::error_code ec, size_t bytes);
   void do_close();
 
-  WebTcpStream stream_;
+  std::unique_ptr<HttpChannel> channel_;
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<WebShared> shared_;
   std::optional<boost::beast::http::request_parser<boost::beast::http::string_body>> parser_;

@@ -10,20 +10,21 @@
 //
 // Origin: a browser names the page that sent a request. Accepted when absent
 // (scripts and tools send none), when it is the server's own origin
-// ("http://" or "https://" followed by the request's own Host), or when it
-// is in the configured list. Anything else, "null" included, is refused.
+// ("http://", or "https://" for a request over TLS, followed by the
+// request's own Host), or when it is in the configured list. Anything else, "null" included, is refused.
 #include <string>
 #include <string_view>
 #include <vector>
 
 class OriginPolicy {
  public:
-  OriginPolicy(std::vector<std::string> allowed_hosts, std::vector<std::string> allowed_origins, bool tls);
+  OriginPolicy(std::vector<std::string> allowed_hosts, std::vector<std::string> allowed_origins);
 
   bool host_allowed(std::string_view host) const;
-  bool origin_allowed(std::string_view origin, std::string_view host) const;
+  // `secure`: the request came over TLS.
+  bool origin_allowed(std::string_view origin, std::string_view host, bool secure) const;
   // Both; on refusal `why` says which one, in words for the log.
-  bool allows(std::string_view host, std::string_view origin, std::string& why) const;
+  bool allows(std::string_view host, std::string_view origin, bool secure, std::string& why) const;
 
   // The host part of a Host value: "[::1]:80" -> "::1", "a.b:8080" -> "a.b".
   static std::string_view host_name(std::string_view host);
@@ -34,5 +35,4 @@ class OriginPolicy {
   std::string machine_name_;
   std::vector<std::string> allowed_hosts_;
   std::vector<std::string> allowed_origins_;
-  bool tls_;
 };

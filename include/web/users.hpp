@@ -44,8 +44,10 @@ class Users {
   // The token's name and role when it is a valid, unrevoked token.
   std::optional<Identity> check_token(std::string_view token) const;
 
-  // Adds a user or changes one's password and role. False with `error`
-  // for a bad name, an empty password or a file that cannot be written.
+  // Adds a user or changes one's password and role; an empty password
+  // keeps an existing user's own. False with `error` for a bad name, a new
+  // user without a password, the last admin's role taken away, or a file
+  // that cannot be written.
   bool set_user(std::string_view name, std::string_view password, Role role, std::string& error);
   // Removes a user; the last admin cannot be removed.
   bool remove_user(std::string_view name, std::string& error);

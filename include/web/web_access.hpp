@@ -22,6 +22,10 @@
 // server's "anonymous_write" setting lets anonymous clients write as
 // operators. Every state-changing request must pass the OriginPolicy first;
 // a refusal is answered 403 and logged.
+//
+// With TLS configured, plain HTTP is for the loopback: a plain request from
+// any other address is sent to the same target over HTTPS (308), or refused
+// (403) while HTTPS is not listening. Under TLS the session cookie is "Secure".
 #include <chrono>
 #include <optional>
 #include <string>
@@ -40,7 +44,7 @@ struct WebAccessSettings {
   std::vector<std::string> allowed_hosts;
   std::vector<std::string> allowed_origins;
   std::chrono::seconds session_idle{1800};
-  bool tls = false;
+  bool tls = false;  // HTTPS is configured: plain HTTP is for the loopback
 };
 
 class WebAccess {
@@ -62,6 +66,11 @@ class WebAccess {
   // A 403 reply (logged) for a state-changing request from a foreign page or
   // through a foreign host name; nothing when it may go on.
   std::optional<HttpReply> refuse_foreign(const HttpRequestView& request) const;
+  // The redirection (or refusal) of a plain request from beyond the
+  // loopback under TLS; nothing when it may go on.
+  std::optional<HttpReply> refuse_plain(const HttpRequestView& request) const;
+  // The port HTTPS listens on, once it does; set before the first request.
+  void set_https_port(uint16_t port) { https_port_ = port; }
   // The answer to a request for the targets above; nothing for other targets.
   std::optional<HttpReply> answer(const HttpRequestView& request);
 
@@ -79,11 +88,12 @@ class WebAccess {
   HttpReply session(const HttpRequestView& request);
   HttpReply manage_users(const HttpRequestView& request, std::string_view name, const WebCaller& admin);
   HttpReply manage_tokens(const HttpRequestView& request, std::string_view name, const WebCaller& admin);
-  std::string cookie(std::string_view id, bool clear) const;
+  std::string cookie(std::string_view id, bool clear, bool secure) const;
 
   WebAccessSettings settings_;
   Users users_;
   Sessions sessions_;
   LoginLimiter limiter_;
   OriginPolicy origins_;
+  uint16_t https_port_ = 0;
 };

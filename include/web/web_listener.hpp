@@ -1,10 +1,12 @@
 #pragma once
 // WebListener: accepts TCP connections for the web server and starts an
-// HTTPSession for each, on a strand of one of the server's threads (taken in
+// HTTPSession for each, over the channel its ChannelMaker makes (plain TCP
+// unless told otherwise), on a strand of one of the server's threads (taken in
 // turn). Set-up failures are logged with the step that failed ("open ",
 // "set_option ", "bind ", "listen "), accept failures with "async_accept ";
 // after a failed accept it waits a moment before the next, so a shortage of
 // descriptors does not spin.
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -13,14 +15,16 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/core/error.hpp>
 
-#include "web/web_stream.hpp"
+#include "web/web_channel.hpp"
 
 class WebShared;
 
 class WebListener : public std::enable_shared_from_this<WebListener> {
  public:
+  using ChannelMaker = std::function<std::unique_ptr<HttpChannel>(WebSocketTcp&&)>;
+
   WebListener(boost::asio::io_context& io, std::vector<boost::asio::io_context*> session_ios,
-           std::shared_ptr<WebShared> shared);
+              std::shared_ptr<WebShared> shared, ChannelMaker make_channel = plain_http_channel);
 
   // Opens, binds and listens; false (logged) when a step fails.
   bool open(const boost::asio::ip::tcp::endpoint& endpoint);
@@ -39,4 +43,5 @@ class WebListener : public std::enable_shared_from_this<WebListener> {
   size_t next_io_ = 0;
   boost::asio::steady_timer retry_;
   std::shared_ptr<WebShared> shared_;
+  ChannelMaker make_channel_;
 };

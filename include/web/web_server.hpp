@@ -18,6 +18,10 @@
 // false), "allowed_hosts" and "allowed_origins" (lists, separated by commas or
 // spaces), "session_timeout" (idle seconds, default 1800). All of them are
 // the configuration's alone: no client can change them.
+// HTTPS and WSS (docs/users.md): "tls_port" turns them on (0 picks a free
+// port), from "tls_certificate" and "tls_key" (PEM files in the data root's
+// "config/", default "tls.crt" and "tls.key"). Plain HTTP then answers the
+// loopback only. Files that cannot be used leave HTTPS off, logged.
 // Fields for clients: "port", "http_sessions", "websocket_sessions".
 //
 // It reads the users file ("<data root>/config/users") when it starts; on
@@ -28,6 +32,9 @@
 // sessions are gone before the tree is.
 #include <memory>
 #include <vector>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/address.hpp>
 
 #include "core/component.hpp"
 
@@ -59,6 +66,9 @@ class WebServer : public Component {
   // Who may do what, from the settings and the users file.
   std::shared_ptr<WebAccess> make_access() const;
   void announce_first_start(const std::string& password) const;
+  // Opens the HTTPS listener when "tls_port" is set; false (logged) when it cannot.
+  bool listen_tls(Running& running, const std::vector<boost::asio::io_context*>& ios,
+                  const boost::asio::ip::address& address);
 
   ValueField<int>& port_;
   ValueField<std::string>& address_;
@@ -69,6 +79,9 @@ class WebServer : public Component {
   ValueField<std::string>& allowed_hosts_;
   ValueField<std::string>& allowed_origins_;
   ValueField<int>& session_timeout_;
+  ValueField<int>& tls_port_;
+  ValueField<std::string>& tls_certificate_;
+  ValueField<std::string>& tls_key_;
   ValueField<unsigned int>& http_sessions_;
   ValueField<unsigned int>& websocket_sessions_;
   std::vector<LimitSetting> limit_settings_;

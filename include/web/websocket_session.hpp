@@ -20,11 +20,10 @@
 #include <boost/beast/core/flat_buffer.hpp>
 #include <boost/beast/http/message.hpp>
 #include <boost/beast/http/string_body.hpp>
-#include <boost/beast/websocket/stream.hpp>
 
 #include "web/client_protocol.hpp"
 #include "web/connection_gate.hpp"
-#include "web/web_stream.hpp"
+#include "web/web_channel.hpp"
 
 class PushRounds;
 class WebShared;
@@ -42,8 +41,8 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
 
   // `slot`: the connection's place among those the server admits, taken
   // over from the HTTP session that upgraded it.
-  WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, Credentials credentials,
-                   ConnectionGate::Slot slot = {});
+  WebsocketSession(std::unique_ptr<WebsocketChannel> channel, std::shared_ptr<WebShared> shared,
+                   Credentials credentials, ConnectionGate::Slot slot = {});
   ~WebsocketSession();
 
   // Completes the upgrade that `request` asked for; on the connection's strand.
@@ -61,7 +60,7 @@ class WebsocketSession : public std::enable_shared_from_this<WebsocketSession> {
   void on_write(boost::beast::error_code ec, size_t bytes);
   void end();
 
-  boost::beast::websocket::stream<WebTcpStream> ws_;
+  std::unique_ptr<WebsocketChannel> ws_;  // plain or TLS
   boost::beast::flat_buffer buffer_;
   std::shared_ptr<WebShared> shared_;
   std::shared_ptr<PushTrigger> trigger_;

@@ -28,6 +28,7 @@
 #include "std/pid_file.hpp"
 #include "std/platform_commands.hpp"
 #include "std/process.hpp"
+#include "std/tls_pair.hpp"
 
 namespace fs = std::filesystem;
 namespace po = boost::program_options;
@@ -155,7 +156,9 @@ bool Application::parse_options(int argc, char** argv, int& status) {
       ("port", po::value<unsigned>()->default_value(Paths::port()), "Web port; 0 picks a free one")  //
       ("kill-command", po::value<std::string>()->default_value(commands.kill_process),
        "Command that ends an older instance; its pid follows")  //
-      ("reboot-command", po::value<std::string>()->default_value(commands.reboot), "Command that reboots the machine");
+      ("reboot-command", po::value<std::string>()->default_value(commands.reboot), "Command that reboots the machine")  //
+      ("make-tls-pair", "Write a self-signed certificate and key for HTTPS (tls.crt, tls.key) into the data root's "
+                        "config folder, then exit");
   po::positional_options_description positional;
   positional.add("config", 1);
   po::variables_map options;
@@ -176,12 +179,30 @@ bool Application::parse_options(int argc, char** argv, int& status) {
   if (options.count("dir")) dir_option_ = options["dir"].as<std::string>();
   config_option_ = options["config"].as<std::string>();
   Paths::set_data_root(options["data-root"].as<std::string>());
+  if (options.count("make-tls-pair")) {
+    status = make_tls_pair();
+    return false;
+  }
   Paths::set_pid_file(options["pid-file"].as<std::string>());
   Paths::set_io_mount(options["io-mount"].as<std::string>());
   Paths::set_port(static_cast<uint16_t>(options["port"].as<unsigned>()));
   commands.kill_process = options["kill-command"].as<std::string>();
   commands.reboot = options["reboot-command"].as<std::string>();
   return true;
+}
+
+int Application::make_tls_pair() {
+  std::error_code ec;
+  fs::create_directories(Paths::config_dir(), ec);
+  auto certificate = Paths::config_dir() + "tls.crt", key = Paths::config_dir() + "tls.key";
+  std::string error;
+  if (!TlsPair::make_self_signed(certificate, key, error)) {
+    std::cerr << "No TLS pair made: " << error << std::endl;
+    return 1;
+  }
+  std::cout << "Wrote the self-signed certificate " << certificate << " and its key " << key
+            << ". Set the web server's \"tls_port\" to serve HTTPS." << std::endl;
+  return 0;
 }
 
 void Application::ensure_single_instance() {

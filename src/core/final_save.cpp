@@ -1,6 +1,7 @@
 #include "core/final_save.hpp"
 
 #include <mutex>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -9,7 +10,7 @@
 namespace {
 
 struct Savers {
-  std::timed_mutex mutex;  // held while savers run and while the list changes
+  std::mutex mutex;  // held while savers run and while the list changes
   std::vector<std::pair<const void*, FinalSave::Saver>> list;
 };
 
@@ -33,12 +34,19 @@ void FinalSave::disarm(const void* owner) {
   std::erase_if(s.list, [owner](const auto& entry) { return entry.first == owner; });
 }
 
+// A plain mutex tried every millisecond rather than a timed one: the stop
+// path is rare, and the timed lock's clock-based wait is one the thread
+// sanitizer cannot follow, so it would call every later unlock a fault.
 bool FinalSave::run(std::chrono::milliseconds limit) {
   auto& s = savers();
   std::unique_lock lock(s.mutex, std::defer_lock);
-  if (!lock.try_lock_for(limit)) {
-    ZEL_ERROR("Final save did not get its turn within {} ms", limit.count());
-    return false;
+  const auto give_up = std::chrono::steady_clock::now() + limit;
+  while (!lock.try_lock()) {
+    if (std::chrono::steady_clock::now() >= give_up) {
+      ZEL_ERROR("Final save did not get its turn within {} ms", limit.count());
+      return false;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   for (auto& [owner, saver] : s.list) saver();
   return true;

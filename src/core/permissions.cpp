@@ -15,7 +15,9 @@ const bool kHooked = (WritePath::set_permission_check(&Permissions::check), true
 }  // namespace
 
 bool Permissions::check(const Caller& caller, const FieldBase& field, std::string& reason) {
-  if (caller.source != WriteSource::Http && caller.source != WriteSource::WebSocket) return true;
+  if (caller.source != WriteSource::Http && caller.source != WriteSource::WebSocket &&
+      caller.source != WriteSource::Epics)
+    return true;
   auto needed = needed_for(field);
   if (at_least(caller.role, needed)) return true;
   reason = caller.role == Role::Anonymous

@@ -1,6 +1,7 @@
 #include "core/root.hpp"
 
 #include "core/admin_manager.hpp"
+#include "core/alarms.hpp"
 #include "core/clock.hpp"
 #include "core/iframe.hpp"
 #include "core/io/interlock_manager.hpp"
@@ -25,6 +26,7 @@ Root::Root(const VTree& config) : Component(config) {
   add_node<Pulse>(config, "pulse");
   async_ = &add_node<Service>(config, "async");
   add_node<InterlockManager>(config, "interlocks");
+  alarms_ = &add_node<Alarms>(config, "alarms");
   add_node<AdminManager>(config, "admin");
   add_node<IOServer>(config, "io_server");
   add_node<IFrame>(config, "iframe");
@@ -72,6 +74,7 @@ void Root::initialize() {
 }
 
 bool Root::wait_started(std::chrono::milliseconds limit) const {
+  if (!starting_.load(std::memory_order_acquire)) return true;
   std::unique_lock lock(start_mutex_);
   return start_done_.wait_for(lock, limit, [this] { return !starting_; });
 }

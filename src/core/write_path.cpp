@@ -243,6 +243,7 @@ std::string_view write_source_name(WriteSource source) {
     case WriteSource::WebSocket: return "websocket";
     case WriteSource::Store: return "store";
     case WriteSource::Local: return "local";
+    case WriteSource::Epics: return "epics";
   }
   return "unknown";
 }

@@ -38,4 +38,6 @@ std::string Paths::config_dir() { return data_root() + "/config/"; }
 std::string Paths::web_dir() { return data_root() + "/web/"; }
 std::string Paths::reports_dir() { return data_root() + "/reports"; }
 std::string Paths::bin_dir() { return data_root() + "/bin/"; }
+std::string Paths::data_dir() { return data_root() + "/data/"; }
+std::string Paths::alarm_journal_file() { return data_dir() + "alarms.jsonl"; }
 std::string Paths::store_file(const std::string& store) { return config_dir() + store + ".json"; }

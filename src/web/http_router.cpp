@@ -4,9 +4,11 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/alarms.hpp"
 #include "core/log.hpp"
 #include "core/log_io.hpp"
 #include "core/root.hpp"
+#include "web/alarm_requests.hpp"
 #include "web/document_root.hpp"
 #include "core/write_path.hpp"
 #include "web/field_access.hpp"
@@ -23,7 +25,8 @@ bool has_prefix_segment(std::string_view target, std::string_view prefix) {
   return rest.empty() || rest.front() == '/' || rest.front() == '?';
 }
 
-// The number after "name=" in the target's query, or `fallback`.
+}  // namespace
+
 long query_number(std::string_view target, std::string_view name, long fallback) {
   auto query = target.find('?');
   if (query == std::string_view::npos) return fallback;
@@ -41,6 +44,8 @@ long query_number(std::string_view target, std::string_view name, long fallback)
   }
   return fallback;
 }
+
+namespace {
 
 // The tree path a target names below `prefix`: "/io/a/b.json", "/io/a/b/index.json"
 // and "/io/a/b" all name "a/b". Empty optional for a malformed target.
@@ -79,7 +84,9 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   bool read = request.method == "GET" || request.method == "HEAD";
   bool write = request.method == "PUT" || request.method == "POST";
   std::string_view allow = "GET, HEAD";
+  if (auto refused = access_.refuse_plain(request)) return std::move(*refused);
   if (auto reply = access_.answer(request)) return std::move(*reply);
+  if (has_prefix_segment(target, "/api/alarms")) return AlarmRequests::answer(request, root_.alarms().journal(), access_);
   if (has_prefix_segment(target, "/io")) {
     if (read) return read_tree(target);
     if (write) {

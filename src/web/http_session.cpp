@@ -30,6 +30,7 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
   if (!reply.error.empty()) response.set("X-Zel-Error", reply.error);
   if (!reply.allow.empty()) response.set(http::field::allow, reply.allow);
   if (!reply.set_cookie.empty()) response.set(http::field::set_cookie, reply.set_cookie);
+  if (!reply.location.empty()) response.set(http::field::location, reply.location);
   response.keep_alive(keep_alive);
   response.content_length(reply.body.size());
   // A reply to HEAD announces the length of the body it leaves out.
@@ -39,16 +40,16 @@ HttpWorkQueue::Response make_response(unsigned version, bool keep_alive, HttpRep
 
 }  // namespace
 
-HTTPSession::HTTPSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, ConnectionGate::Slot slot,
-                         std::string address)
-    : stream_(std::move(socket)),
+HTTPSession::HTTPSession(std::unique_ptr<HttpChannel> channel, std::shared_ptr<WebShared> shared,
+                         ConnectionGate::Slot slot, std::string address)
+    : channel_(std::move(channel)),
       buffer_(shared->limits().http_buffer_max),
       shared_(std::move(shared)),
       queue_(shared_->limits().http_pipeline_max, shared_->limits().http_output_max),
       slot_(std::move(slot)),
       address_(std::move(address)) {
   beast::error_code ec;
-  auto remote = stream_.socket().remote_endpoint(ec);
+  auto remote = channel_->socket().remote_endpoint(ec);
   auto peer = remote.address();
   client_ = ec ? std::string("an unknown address")
           : peer.is_v6() ? fmt::format("[{}]:{}", peer.to_string(), remote.port())
@@ -62,17 +63,27 @@ HTTPSession::~HTTPSession() {
 }
 
 void HTTPSession::run() {
-  net::dispatch(stream_.get_executor(), beast::bind_front_handler(&HTTPSession::do_read, shared_from_this()));
+  channel_->expires_after(shared_->limits().http_timeout);
+  channel_->async_start(completion(&HTTPSession::on_start));
+}
+
+void HTTPSession::on_start(beast::error_code ec, size_t) {
+  // A client that refuses the certificate or speaks no TLS just goes.
+  if (ec) return do_close();
+  do_read();
+}
+
+HttpChannel::Completion HTTPSession::completion(HttpChannel::Completion::Member member) {
+  return {shared_from_this(), member};
 }
 
 void HTTPSession::do_read() {
   parser_.emplace();
   parser_->body_limit(shared_->limits().http_body_max);
   parser_->header_limit(static_cast<std::uint32_t>(shared_->limits().http_header_max));
-  stream_.expires_after(shared_->limits().http_timeout);
+  channel_->expires_after(shared_->limits().http_timeout);
   reading_ = true;
-  http::async_read_header(stream_, buffer_, *parser_,
-                          beast::bind_front_handler(&HTTPSession::on_header, shared_from_this()));
+  channel_->async_read_header(buffer_, *parser_, completion(&HTTPSession::on_header));
 }
 
 void HTTPSession::on_header(beast::error_code ec, size_t bytes) {
@@ -82,7 +93,7 @@ void HTTPSession::on_header(beast::error_code ec, size_t bytes) {
   // with the header already.
   if (beast::iequals(parser_->get()[http::field::expect], "100-continue"))
     queue_reply(HttpWorkQueue::Response{http::status::continue_, parser_->get().version()});
-  http::async_read(stream_, buffer_, *parser_, beast::bind_front_handler(&HTTPSession::on_read, shared_from_this()));
+  channel_->async_read(buffer_, *parser_, completion(&HTTPSession::on_read));
 }
 
 void HTTPSession::on_read(beast::error_code ec, size_t) {
@@ -118,11 +129,15 @@ void HTTPSession::upgrade() {
   auto& request = parser_->get();
   // A page of another site must not drive the live protocol with the
   // browser's credentials, nor read it through a rebound host name.
+  // Under TLS a plain WebSocket from beyond the loopback is refused: browsers
+  // follow no redirection of an upgrade.
+  if (auto refused = shared_->access().refuse_plain(view_of(request)))
+    return refuse(403, "Plain WebSocket answers the loopback only; use wss://");
   if (auto refused = shared_->access().refuse_foreign(view_of(request))) return refuse(403, refused->error);
   WebsocketSession::Credentials credentials{std::string(request[http::field::cookie]),
                                             std::string(request[http::field::authorization]), client_};
-  stream_.expires_never();
-  std::make_shared<WebsocketSession>(stream_.release_socket(), shared_, std::move(credentials), std::move(slot_))
+  channel_->expires_never();
+  std::make_shared<WebsocketSession>(channel_->to_websocket(), shared_, std::move(credentials), std::move(slot_))
       ->run(parser_->release());
 }
 
@@ -134,7 +149,8 @@ HttpRequestView HTTPSession::view_of(const Request& request) const {
           request[http::field::host],
           request[http::field::origin],
           request[http::field::cookie],
-          request[http::field::authorization]};
+          request[http::field::authorization],
+          channel_->secure()};
 }
 
 void HTTPSession::refuse(unsigned status, std::string_view text) {
@@ -156,8 +172,8 @@ void HTTPSession::queue_reply(HttpWorkQueue::Response&& response) {
 }
 
 void HTTPSession::do_write() {
-  stream_.expires_after(shared_->limits().http_timeout);
-  http::async_write(stream_, queue_.front(), beast::bind_front_handler(&HTTPSession::on_write, shared_from_this()));
+  channel_->expires_after(shared_->limits().http_timeout);
+  channel_->async_write(queue_.front(), completion(&HTTPSession::on_write));
 }
 
 void HTTPSession::on_write(beast::error_code ec, size_t) {
@@ -177,6 +193,6 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
 
 void HTTPSession::do_close() {
   beast::error_code ec;
-  stream_.socket().shutdown(net::ip::tcp::socket::shutdown_send, ec);
-  stream_.socket().close(ec);
+  channel_->socket().shutdown(net::ip::tcp::socket::shutdown_send, ec);
+  channel_->socket().close(ec);
 }

@@ -24,8 +24,8 @@ bool is_ip_address(std::string_view name) {
 
 }  // namespace
 
-OriginPolicy::OriginPolicy(std::vector<std::string> allowed_hosts, std::vector<std::string> allowed_origins, bool tls)
-    : allowed_hosts_(std::move(allowed_hosts)), allowed_origins_(std::move(allowed_origins)), tls_(tls) {
+OriginPolicy::OriginPolicy(std::vector<std::string> allowed_hosts, std::vector<std::string> allowed_origins)
+    : allowed_hosts_(std::move(allowed_hosts)), allowed_origins_(std::move(allowed_origins)) {
   char name[256] = {};
   if (::gethostname(name, sizeof name - 1) == 0) machine_name_ = name;
 }
@@ -62,19 +62,19 @@ bool OriginPolicy::host_allowed(std::string_view host) const {
   return same_text(name, machine_name_) || same_text(name, machine_name_ + ".local");
 }
 
-bool OriginPolicy::origin_allowed(std::string_view origin, std::string_view host) const {
+bool OriginPolicy::origin_allowed(std::string_view origin, std::string_view host, bool secure) const {
   if (origin.empty()) return true;
   if (listed(allowed_origins_, origin)) return true;
   if (host.empty()) return false;
-  return same_text(origin, fmt::format("{}://{}", tls_ ? "https" : "http", host));
+  return same_text(origin, fmt::format("{}://{}", secure ? "https" : "http", host));
 }
 
-bool OriginPolicy::allows(std::string_view host, std::string_view origin, std::string& why) const {
+bool OriginPolicy::allows(std::string_view host, std::string_view origin, bool secure, std::string& why) const {
   if (!host_allowed(host)) {
     why = fmt::format("the host '{}' is not a name of this instrument", host.substr(0, 100));
     return false;
   }
-  if (!origin_allowed(origin, host)) {
+  if (!origin_allowed(origin, host, secure)) {
     why = fmt::format("the page of '{}' is not this instrument's own", origin.substr(0, 100));
     return false;
   }

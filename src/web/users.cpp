@@ -140,19 +140,28 @@ bool Users::set_user(std::string_view name, std::string_view password, Role role
     error = "A user name is 1 to 64 letters, digits, '_', '-' or '.'.";
     return false;
   }
-  if (password.empty() || role == Role::Anonymous) {
+  if (role == Role::Anonymous) {
     error = "A user needs a password and a role.";
     return false;
   }
-  auto hash = PasswordHash::make(password);  // slow: outside the lock
-  if (hash.empty()) {
+  auto hash = password.empty() ? std::string() : PasswordHash::make(password);  // slow: outside the lock
+  if (!password.empty() && hash.empty()) {
     error = "The password could not be hashed.";
     return false;
   }
   std::lock_guard lock(mutex_);
   auto users = users_;
   auto found = std::find_if(users_.begin(), users_.end(), [&](auto& u) { return u.name == name; });
-  if (found != users_.end()) *found = {std::string(name), role, hash};
+  if (hash.empty() && found == users_.end()) {
+    error = "A user needs a password and a role.";
+    return false;
+  }
+  auto admins = std::count_if(users_.begin(), users_.end(), [](auto& u) { return u.role == Role::Admin; });
+  if (found != users_.end() && found->role == Role::Admin && role != Role::Admin && admins == 1) {
+    error = "The last admin stays an admin.";
+    return false;
+  }
+  if (found != users_.end()) *found = {std::string(name), role, hash.empty() ? found->hash : hash};
   else users_.push_back({std::string(name), role, hash});
   if (save(error)) return true;
   users_ = std::move(users);

@@ -1,5 +1,6 @@
 #include "web/web_access.hpp"
 
+#include <boost/asio/ip/address.hpp>
 #include <nlohmann/json.hpp>
 
 #include "core/log.hpp"
@@ -57,13 +58,23 @@ std::string names_and_roles(const std::vector<Users::Identity>& list) {
 
 bool is_write(std::string_view method) { return method != "GET" && method != "HEAD"; }
 
+// 127.0.0.0/8 and ::1, also as an IPv4-mapped IPv6 address.
+bool is_loopback(std::string_view address) {
+  boost::system::error_code ec;
+  auto parsed = boost::asio::ip::make_address(std::string(address), ec);
+  if (ec) return false;
+  if (parsed.is_v6() && parsed.to_v6().is_v4_mapped())
+    return boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, parsed.to_v6()).is_loopback();
+  return parsed.is_loopback();
+}
+
 }  // namespace
 
 WebAccess::WebAccess(std::string users_file, WebAccessSettings settings)
     : settings_(std::move(settings)),
       users_(std::move(users_file)),
       sessions_(settings_.session_idle),
-      origins_(settings_.allowed_hosts, settings_.allowed_origins, settings_.tls) {}
+      origins_(settings_.allowed_hosts, settings_.allowed_origins) {}
 
 std::string_view WebAccess::session_id(std::string_view cookie) {
   while (!cookie.empty()) {
@@ -100,10 +111,22 @@ WebCaller WebAccess::caller_of(std::string_view cookie, std::string_view authori
 
 std::optional<HttpReply> WebAccess::refuse_foreign(const HttpRequestView& request) const {
   std::string why;
-  if (origins_.allows(request.host, request.origin, why)) return std::nullopt;
+  if (origins_.allows(request.host, request.origin, request.secure, why)) return std::nullopt;
   ZEL_ERROR("Cross-origin {} of '{}' from {} refused: {}", request.method.substr(0, 20), request.target.substr(0, 200),
             request.client, why);
   return failed(403, "Cross-origin request refused: " + why + ".");
+}
+
+std::optional<HttpReply> WebAccess::refuse_plain(const HttpRequestView& request) const {
+  if (!settings_.tls || request.secure || is_loopback(address_of(request.client))) return std::nullopt;
+  if (!https_port_ || request.host.empty() || !origins_.host_allowed(request.host))
+    return failed(403, "Plain HTTP answers the loopback only; this instrument wants HTTPS.");
+  auto name = OriginPolicy::host_name(request.host);
+  bool v6 = name.find(':') != std::string_view::npos;
+  HttpReply reply = json_reply(308, "");
+  reply.location = fmt::format("https://{}{}{}:{}{}", v6 ? "[" : "", name, v6 ? "]" : "", https_port_,
+                               request.target.starts_with('/') ? request.target : std::string_view("/"));
+  return reply;
 }
 
 std::optional<HttpReply> WebAccess::answer(const HttpRequestView& request) {
@@ -129,8 +152,8 @@ std::optional<HttpReply> WebAccess::answer(const HttpRequestView& request) {
   return users ? manage_users(request, *users, caller) : manage_tokens(request, *tokens, caller);
 }
 
-std::string WebAccess::cookie(std::string_view id, bool clear) const {
-  return fmt::format("{}={}; Path=/; HttpOnly; SameSite=Strict{}{}", kCookie, id, settings_.tls ? "; Secure" : "",
+std::string WebAccess::cookie(std::string_view id, bool clear, bool secure) const {
+  return fmt::format("{}={}; Path=/; HttpOnly; SameSite=Strict{}{}", kCookie, id, secure ? "; Secure" : "",
                      clear ? "; Max-Age=0" : "");
 }
 
@@ -151,7 +174,7 @@ HttpReply WebAccess::login(const HttpRequestView& request) {
   }
   limiter_.succeeded(address);
   auto reply = json_reply(200, nlohmann::json{{"user", identity->name}, {"role", to_string(identity->role)}}.dump());
-  reply.set_cookie = cookie(sessions_.open(identity->name, identity->role), false);
+  reply.set_cookie = cookie(sessions_.open(identity->name, identity->role), false, request.secure);
   ZEL_INFO("User '{}' ({}) logged in from {}", identity->name, to_string(identity->role), from);
   return reply;
 }
@@ -161,7 +184,7 @@ HttpReply WebAccess::logout(const HttpRequestView& request) {
   if (auto session = sessions_.use(id)) ZEL_INFO("User '{}' logged out from {}", session->user, request.client);
   sessions_.close(id);
   auto reply = json_reply(200, std::string(HttpRouter::kSuccess));
-  reply.set_cookie = cookie("", true);
+  reply.set_cookie = cookie("", true, request.secure);
   return reply;
 }
 

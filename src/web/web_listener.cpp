@@ -26,8 +26,13 @@ std::string address_of(const WebSocketTcp& socket) {
 }
 }  // namespace
 
-WebListener::WebListener(net::io_context& io, std::vector<net::io_context*> session_ios, std::shared_ptr<WebShared> shared)
-    : acceptor_(io), session_ios_(std::move(session_ios)), retry_(io), shared_(std::move(shared)) {}
+WebListener::WebListener(net::io_context& io, std::vector<net::io_context*> session_ios, std::shared_ptr<WebShared> shared,
+                         ChannelMaker make_channel)
+    : acceptor_(io),
+      session_ios_(std::move(session_ios)),
+      retry_(io),
+      shared_(std::move(shared)),
+      make_channel_(std::move(make_channel)) {}
 
 bool WebListener::open(const tcp::endpoint& endpoint) {
   beast::error_code ec;
@@ -101,6 +106,6 @@ void WebListener::on_accept(beast::error_code ec, WebSocketTcp socket) {
   // Pushes are small and must not wait for more data to fill a segment.
   socket.set_option(tcp::no_delay(true), ec);
   socket.set_option(net::socket_base::send_buffer_size(static_cast<int>(shared_->limits().socket_send_buffer)), ec);
-  std::make_shared<HTTPSession>(std::move(socket), shared_, std::move(slot), std::move(address))->run();
+  std::make_shared<HTTPSession>(make_channel_(std::move(socket)), shared_, std::move(slot), std::move(address))->run();
   do_accept();
 }

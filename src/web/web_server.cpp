@@ -13,6 +13,7 @@
 #include "std/free_memory.hpp"
 #include "std/paths.hpp"
 #include "std/process_limits.hpp"
+#include "web/tls_context.hpp"
 #include "web/web_listener.hpp"
 #include "web/web_access.hpp"
 #include "web/web_shared.hpp"
@@ -27,6 +28,7 @@ struct WebServer::Running {
   // are spread over them and stay on one.
   std::vector<std::unique_ptr<Context>> contexts;
   std::shared_ptr<WebListener> listener;
+  std::shared_ptr<WebListener> tls_listener;  // HTTPS, when configured and usable
 };
 
 namespace {
@@ -59,17 +61,23 @@ WebServer::WebServer(const VTree& config)
       allowed_hosts_(add_setting<ValueField<std::string>>(config, "allowed_hosts")),
       allowed_origins_(add_setting<ValueField<std::string>>(config, "allowed_origins")),
       session_timeout_(add_setting<ValueField<int>>(config, "session_timeout")),
+      tls_port_(add_setting<ValueField<int>>(config, "tls_port")),
+      tls_certificate_(add_setting<ValueField<std::string>>(config, "tls_certificate")),
+      tls_key_(add_setting<ValueField<std::string>>(config, "tls_key")),
       http_sessions_(client_field<unsigned int>(*this, "http_sessions")),
       websocket_sessions_(client_field<unsigned int>(*this, "websocket_sessions")) {
   describe("Web Server", "Services HTTP and WebSocket requests for the system.", "applications");
   set_default("hidden", false);
   for (FieldBase* setting : std::initializer_list<FieldBase*>{&port_, &address_, &threads_, &push_spacing_,
-                                                              &websocket_compression_, &anonymous_write_, &allowed_hosts_, &allowed_origins_,
-                                                              &session_timeout_})
+                                                              &websocket_compression_, &anonymous_write_, &allowed_hosts_,
+                                                              &allowed_origins_, &session_timeout_, &tls_port_,
+                                                              &tls_certificate_, &tls_key_})
     setting->set_readonly(true);
   push_spacing_.attributes_for_update().units = "ms";
   if (!session_timeout_.assigned()) session_timeout_.set(1800);
   if (!address_.assigned()) address_.set("0.0.0.0");
+  if (!tls_certificate_.assigned()) tls_certificate_.set("tls.crt");
+  if (!tls_key_.assigned()) tls_key_.set("tls.key");
   if (!threads_.assigned()) threads_.set(default_threads());
   double default_spacing_ms = std::chrono::duration<double, std::milli>(WebLimits::kDefaultPushSpacing).count();
   if (!push_spacing_.assigned()) push_spacing_.set(default_spacing_ms);
@@ -144,6 +152,7 @@ void WebServer::start() {
   if (!running->listener->open({address, static_cast<uint16_t>(port)})) return;
   port_.set(running->listener->port());
   ZEL_INFO("Web server listening on port {}", port_.get());
+  if (tls_port_.assigned() && listen_tls(*running, ios, address)) access->set_https_port(tls_port_.get());
   // Buffers of clients that have gone go back to the system within seconds.
   map_large_blocks_apart();
   running->contexts.front()->every(kFreeMemoryCheck, [gate = running->shared->gate_ptr(), seen = size_t{0}]() mutable {
@@ -154,7 +163,33 @@ void WebServer::start() {
   if (!first_password.empty()) announce_first_start(first_password);
   for (auto& context : running->contexts) context->start_context();
   net::post(*ios.front(), [listener = running->listener] { listener->run(); });
+  if (running->tls_listener) net::post(*ios.front(), [listener = running->tls_listener] { listener->run(); });
   running_ = std::move(running);
+}
+
+bool WebServer::listen_tls(Running& running, const std::vector<net::io_context*>& ios, const net::ip::address& address) {
+  auto in_config = [](const std::string& name) { return name.starts_with('/') ? name : Paths::config_dir() + name; };
+  int port = tls_port_.get();
+  std::string error;
+  auto context = port < 0 || port > 65535 ? nullptr
+               : TlsContext::load(in_config(tls_certificate_.get()), in_config(tls_key_.get()), error);
+  if (!context) {
+    if (error.empty()) error = fmt::format("the port {} is out of range", port);
+    ZEL_ERROR("HTTPS is off: {}. Plain HTTP answers the loopback only. 'zel --make-tls-pair' makes a self-signed pair",
+              error);
+    return false;
+  }
+  auto listener = std::make_shared<WebListener>(*ios.front(), ios, running.shared, [context](WebSocketTcp&& socket) {
+    return context->channel(std::move(socket));
+  });
+  if (!listener->open({address, static_cast<uint16_t>(port)})) {
+    ZEL_ERROR("HTTPS is off: port {} cannot be listened on. Plain HTTP answers the loopback only", port);
+    return false;
+  }
+  tls_port_.set(listener->port());
+  ZEL_INFO("HTTPS listening on port {}", tls_port_.get());
+  running.tls_listener = std::move(listener);
+  return true;
 }
 
 std::shared_ptr<WebAccess> WebServer::make_access() const {
@@ -163,6 +198,7 @@ std::shared_ptr<WebAccess> WebServer::make_access() const {
   settings.allowed_hosts = OriginPolicy::list(allowed_hosts_.get());
   settings.allowed_origins = OriginPolicy::list(allowed_origins_.get());
   settings.session_idle = std::chrono::seconds(std::max(1, session_timeout_.get()));
+  settings.tls = tls_port_.assigned();
   return std::make_shared<WebAccess>(Paths::config_dir() + "users", std::move(settings));
 }
 
@@ -193,6 +229,8 @@ void WebServer::shut_down() {
   for (auto& context : running_->contexts) context->stop_context();
   running_->listener->close();
   running_->listener.reset();
+  if (running_->tls_listener) running_->tls_listener->close();
+  running_->tls_listener.reset();
   // Destroying the io_contexts destroys the sessions waiting in them.
   running_->contexts.clear();
   running_.reset();

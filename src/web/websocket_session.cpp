@@ -38,9 +38,9 @@ bool is_disconnect(const beast::error_code& ec) {
 
 }  // namespace
 
-WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebShared> shared, Credentials credentials,
-                                   ConnectionGate::Slot slot)
-    : ws_(std::move(socket)),
+WebsocketSession::WebsocketSession(std::unique_ptr<WebsocketChannel> channel, std::shared_ptr<WebShared> shared,
+                                   Credentials credentials, ConnectionGate::Slot slot)
+    : ws_(std::move(channel)),
       shared_(std::move(shared)),
       trigger_(std::make_shared<PushTrigger>()),
       credentials_(std::move(credentials)),
@@ -48,7 +48,7 @@ WebsocketSession::WebsocketSession(WebSocketTcp&& socket, std::shared_ptr<WebSha
                 [this] { return shared_->access().caller_of(credentials_.cookie, credentials_.authorization,
                                                             credentials_.from); }),
       slot_(std::move(slot)),
-      rounds_(boost::asio::use_service<PushRounds>(ws_.get_executor().get_inner_executor().context())) {
+      rounds_(boost::asio::use_service<PushRounds>(ws_->get_executor().get_inner_executor().context())) {
   out_.reserve(ClientProtocol::kPushBufferReserve);
 }
 
@@ -63,12 +63,12 @@ void WebsocketSession::run(Request request) {
   timeouts.handshake_timeout = std::chrono::seconds(30);
   timeouts.idle_timeout = limits.websocket_idle_timeout;
   timeouts.keep_alive_pings = true;
-  ws_.set_option(timeouts);
-  ws_.set_option(deflate_options(limits.websocket_compression));
-  ws_.set_option(websocket::stream_base::decorator(
+  ws_->set_option(timeouts);
+  ws_->set_option(deflate_options(limits.websocket_compression));
+  ws_->set_option(websocket::stream_base::decorator(
       [](websocket::response_type& response) { response.set(beast::http::field::server, "ZEL"); }));
-  ws_.read_message_max(limits.websocket_message_max);
-  ws_.async_accept(request, beast::bind_front_handler(&WebsocketSession::on_accept, shared_from_this()));
+  ws_->read_message_max(limits.websocket_message_max);
+  ws_->async_accept(request, beast::bind_front_handler(&WebsocketSession::on_accept, shared_from_this()));
 }
 
 void WebsocketSession::on_accept(beast::error_code ec) {
@@ -84,7 +84,7 @@ void WebsocketSession::on_accept(beast::error_code ec) {
 }
 
 void WebsocketSession::do_read() {
-  ws_.async_read(buffer_, beast::bind_front_handler(&WebsocketSession::on_read, shared_from_this()));
+  ws_->async_read(buffer_, {shared_from_this(), &WebsocketSession::on_read});
 }
 
 void WebsocketSession::on_read(beast::error_code ec, size_t) {
@@ -105,7 +105,7 @@ void WebsocketSession::on_read(beast::error_code ec, size_t) {
 
 void WebsocketSession::on_round() {
   // Rounds run on the io_context's thread, outside the connection's strand.
-  net::dispatch(ws_.get_executor(), beast::bind_front_handler(&WebsocketSession::push_in_strand, shared_from_this()));
+  net::dispatch(ws_->get_executor(), beast::bind_front_handler(&WebsocketSession::push_in_strand, shared_from_this()));
 }
 
 void WebsocketSession::push_in_strand() {
@@ -132,8 +132,8 @@ void WebsocketSession::push() {
     return;
   }
   writing_ = true;
-  ws_.text(true);
-  ws_.async_write(net::buffer(out_), beast::bind_front_handler(&WebsocketSession::on_write, shared_from_this()));
+  ws_->text(true);
+  ws_->async_write(net::buffer(out_), {shared_from_this(), &WebsocketSession::on_write});
 }
 
 void WebsocketSession::on_write(beast::error_code ec, size_t) {

@@ -1,8 +1,8 @@
 // The operator page in Debian's Chromium against the real program: the first
 // start's admin logs in, the page shows live values, sets values and says why
 // a set is refused, presses buttons after asking, colours the interlock
-// overview, draws I2C chips, logs out, and a page of another site changes
-// nothing.
+// overview, draws I2C chips, logs out, a page of another site changes
+// nothing, and an alarm is acknowledged and survives a restart.
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { cpSync, mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
@@ -248,6 +248,28 @@ test("a chip's panel draws its display and shows its fault while it does not ans
   await shows(page.locator(".chip-fault:not(.raised)"), "Answering");
 });
 
+test("an admin issues an API token on the page, sees it listed and revokes it", async () => {
+  await page.goto(`${base}/`);
+  await page.locator("#admin-open").click();
+  const dialog = page.locator("#admin-dialog");
+  await shows(dialog.locator(".admin-user"), "admin");
+  const form = dialog.locator("#admin-token-form");
+  await form.locator('input[name="name"]').fill("nightly");
+  await form.locator('select[name="role"]').selectOption("viewer");
+  await form.locator('button[type="submit"]').click();
+  await shows(dialog.locator(".admin-token-row"), "nightly");
+  const shown = await dialog.locator(".admin-token").textContent();
+  const token = /(zel_[0-9a-f]+)/.exec(shown)?.[1];
+  assert.ok(token, `the token is shown once: ${shown}`);
+  const asToken = () => fetch(`${base}/api/session`, { headers: { Authorization: `Bearer ${token}` } }).then((r) => r.json());
+  assert.equal((await asToken()).role, "viewer");
+
+  await dialog.locator(".admin-token-row", { hasText: "nightly" }).locator("button", { hasText: "Revoke" }).click();
+  await dialog.locator(".admin-token-row", { hasText: "nightly" }).waitFor({ state: "detached" });
+  assert.equal((await asToken()).role, "anonymous", "a revoked token names nobody");
+  await dialog.locator("button", { hasText: "Close" }).click();
+});
+
 test("after logout the page only reads, and a page of another site changes nothing", async () => {
   await page.goto(`${base}/#/channels`);
   await page.locator("#login button", { hasText: "Log out" }).click();
@@ -270,4 +292,43 @@ test("after logout the page only reads, and a page of another site changes nothi
   }, base);
   assert.equal(socketOpened, false, "no WebSocket for a foreign page");
   assert.deepEqual(await read("channels/temperature/value"), before);
+});
+
+test("an alarm appears on a trip, is acknowledged on the page and is still acknowledged after a restart", async () => {
+  await put("sensors/door_open", "false");
+  await page.goto(`${base}/#/channels`);
+  await page.locator("#login button").click();
+  const dialog = page.locator("#login-dialog");
+  await dialog.locator('input[name="user"]').fill("admin");
+  await dialog.locator('input[name="password"]').fill(password);
+  await dialog.locator("#login-submit").click();
+  await shows(page.locator("#login"), "admin (admin)");
+
+  const newest = () => page.locator('.alarm-row[data-path="interlocks/door"]').first();
+  await put("sensors/door_open", "true");
+  await shows(page.locator("#alarm-banner"), "unacknowledged alarm");
+  await page.locator("#alarm-banner").click();
+  await shows(newest(), "TRIPPED");
+  assert.equal(await newest().getAttribute("data-kind"), "trip");
+  assert.match(await newest().locator(".alarm-text").textContent(), /'sensors\/door_open' is true/);
+  const id = await newest().getAttribute("data-id");
+  const row = page.locator(`.alarm-row[data-id="${id}"]`);
+  await row.locator(".alarm-ack-button").click();
+  await shows(row.locator(".alarm-ack"), "acknowledged by admin");
+
+  const exited = new Promise((resolve) => zel.once("exit", resolve));
+  zel.kill("SIGTERM");
+  await exited;
+  const started = await startZel();
+  zel = started.child;
+  base = `http://127.0.0.1:${started.port}`;
+  await page.goto(`${base}/#/channels`);
+  await page.locator("#alarm-banner").click();
+  await shows(row.locator(".alarm-ack"), "acknowledged by admin");
+  const journal = await (await fetch(`${base}/api/alarms`)).json();
+  assert.equal(journal.alarms.find((alarm) => String(alarm.id) === id)?.acknowledged_by, "admin");
+  if (ARTIFACTS) {
+    mkdirSync(ARTIFACTS, { recursive: true });
+    await page.screenshot({ path: join(ARTIFACTS, "alarms.png") });
+  }
 });

@@ -15,6 +15,8 @@ class DigitalInterlockIO : public InterlockIO {
   // The condition code for the input as it is.
   int digital_code() const;
   ValueField<int>& polarity() const { return polarity_; }
+  // "'sensors/door_open' is true (in error while true)".
+  std::string describe_condition() const override;
 
  private:
   DigitalInterlockIO(const VTree& config, IOLink<bool> input);

@@ -77,6 +77,9 @@ class InterlockIO : public StateIO<int> {
   bool is_ok() const { return assigned() && get() == Ok; }
 
   void evaluate();
+  // The condition in words, for the alarm journal and the log: what is
+  // watched, as it is now, and the bounds it is held to.
+  virtual std::string describe_condition() const;
   // True while an error condition waits out error_time_duration: the next
   // evaluation after the duration trips it.
   bool pending() const { return pending_.load(std::memory_order_relaxed); }
@@ -105,6 +108,9 @@ class InterlockIO : public StateIO<int> {
   void guard_limits(const VTree& config, std::initializer_list<ValueField<double>*> limits, FieldRange range);
   // Holds an error condition for good (a broken configuration).
   void hold_error();
+  // The words every interlock starts with: "disabled", a broken
+  // configuration, else empty (the subclass describes its inputs).
+  std::string describe_exception() const;
   // For configured variants, in init(): resolves each link not yet bound and
   // watches it. A path that does not resolve is reported as a build failure
   // of this node, and the interlock holds an error condition from then on, so

@@ -17,6 +17,10 @@ class RangeInterlockIO : public InterlockIO {
 
   // The condition code for the input as it is.
   int range_code() const;
+  // The IO watched; null until init() resolved a configured path.
+  IO<double>* input() const { return input_.get(); }
+  // "'chamber/pressure' is 0.0002 mbar (upper_limit 0.0001, upper_warning 1e-05)".
+  std::string describe_condition() const override;
 
   ValueField<double>& lower_limit() const { return lower_limit_; }
   ValueField<double>& upper_limit() const { return upper_limit_; }

@@ -20,6 +20,16 @@ DigitalInterlockIO::DigitalInterlockIO(const VTree& config, IOLink<bool> input)
 
 void DigitalInterlockIO::init() { link_inputs({&input_}); }
 
+std::string DigitalInterlockIO::describe_condition() const {
+  auto text = describe_exception();
+  if (!text.empty()) return text;
+  auto* input = input_.get();
+  if (!input) return "no input";
+  return fmt::format("'{}' is {} (in error while {})", input->path(),
+                     input->assigned() ? (input->get() ? "true" : "false") : "not assigned",
+                     polarity_.get() != 0 ? "true" : "false");
+}
+
 int DigitalInterlockIO::digital_code() const {
   auto* input = input_.get();
   if (!input || !input->assigned()) return Ok;

@@ -126,6 +126,22 @@ void InterlockIO::arm_trip_timer() {
 
 void InterlockIO::start() { refresh(); }
 
+std::string InterlockIO::describe_exception() const {
+  if (!enabled_value_.get()) return "disabled";
+  if (held_error_) return "configuration error: the condition is held in error";
+  return {};
+}
+
+std::string InterlockIO::describe_condition() const {
+  auto text = describe_exception();
+  if (!text.empty()) return text;
+  switch (condition_.get()) {
+    case Error: return "condition in error";
+    case Warning: return "condition in warning";
+    default: return "condition OK";
+  }
+}
+
 void InterlockIO::watch(IOBase& input) {
   auto* field = input.value_field();
   if (!field) throw ConfigError("'" + path() + "' can't watch '" + input.path() + "': it has no value");

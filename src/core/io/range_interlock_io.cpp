@@ -29,6 +29,19 @@ RangeInterlockIO::RangeInterlockIO(const VTree& config, IOLink<double> input)
 
 void RangeInterlockIO::init() { link_inputs({&input_}); }
 
+std::string RangeInterlockIO::describe_condition() const {
+  auto text = describe_exception();
+  if (!text.empty()) return text;
+  auto* input = input_.get();
+  if (!input) return "no input";
+  text = "'" + input->path() + "' is " + (input->assigned() ? fmt::format("{}", input->get()) : "not assigned");
+  if (auto units = input->units(); !units.empty()) text += " " + units;
+  std::string bounds;
+  for (auto* bound : {&lower_limit_, &upper_limit_, &lower_warning_, &upper_warning_})
+    if (bound->assigned()) bounds += fmt::format("{}{} {}", bounds.empty() ? "" : ", ", bound->name(), bound->get());
+  return bounds.empty() ? text : text + " (" + bounds + ")";
+}
+
 int RangeInterlockIO::range_code() const {
   auto* input = input_.get();
   if (!input || !input->assigned()) return Ok;
