@@ -22,6 +22,7 @@ build: setup $(BUILD)/build.ninja
 run: build
 	@mkdir -p $(DATA_ROOT)/config $(DATA_ROOT)/web $(DATA_ROOT)/io
 	@cp -r web/. $(DATA_ROOT)/web/
+	@echo "ZEL: the operator page will be at http://localhost:$(PORT)/ (another port: make run PORT=8081)"
 	$(BUILD)/zel --config $(CURDIR)/$(CONFIG) --data-root $(DATA_ROOT) \
 	  --pid-file $(DATA_ROOT)/zel.pid --io-mount $(DATA_ROOT)/io --port $(PORT)
 

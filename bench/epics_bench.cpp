@@ -100,7 +100,7 @@ class Served {
     dir_ = ::mkdtemp(pattern.data());
     Paths::set_data_root(dir_);
     std::filesystem::create_directories(dir_ + "/config");
-    std::string xml = R"(<root><web_server type="web_server" port="0" push_spacing="0"/>)"
+    std::string xml = R"(<root><web_server type="web_server" port="0" push_spacing="0" subscriptions_max="20000"/>)"
                       R"(<epics_server type="epics_server" port="0" address="127.0.0.1" prefix="B:" beacon_addresses="127.0.0.1"/>)"
                       R"(<f type="component">)";
     for (int i = 0; i < fields; ++i) xml += "<v" + std::to_string(i) + R"( type="analog_io" value="0"/>)";
@@ -221,7 +221,11 @@ void BM_ConnectChannels_WebSocket(benchmark::State& state) {
     std::atomic<size_t> seen{0};
     auto start = std::chrono::steady_clock::now();
     WebReader reader(served.web_port, subscribe, [&](double) { seen.fetch_add(1); });
-    while (seen.load() < served.ios.size()) std::this_thread::sleep_for(std::chrono::microseconds(200));
+    auto deadline = start + std::chrono::seconds(30);
+    while (seen.load() < served.ios.size()) {
+      if (std::chrono::steady_clock::now() > deadline) return state.SkipWithError("not every first value arrived");
+      std::this_thread::sleep_for(std::chrono::microseconds(200));
+    }
     state.SetIterationTime(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count());
   }
 }

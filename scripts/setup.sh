@@ -34,7 +34,10 @@ for p in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done
-[[ ${#missing[@]} -eq 0 ]] && exit 0
+if [[ ${#missing[@]} -eq 0 ]]; then
+  "$(dirname "$0")/web-libraries.sh"
+  exit 0
+fi
 
 echo "setup: installing ${missing[*]}"
 sudo=""
@@ -42,3 +45,5 @@ sudo=""
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update -qq
 $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}"
+# The page's libraries (npm), served by the instrument itself.
+"$(dirname "$0")/web-libraries.sh"

@@ -7,6 +7,7 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <netinet/in.h>
 #include <sys/un.h>
 
 #include <algorithm>
@@ -192,6 +193,27 @@ TEST(ApplicationStart, MalformedConfigurationLogsTheParseFaultAndRootFailsToCons
   EXPECT_THAT(err, ::testing::ContainsRegex("Error: XML parse [^\n]+ line:[0-9]+ '  </b>'"));
   EXPECT_THAT(err, HasSubstr("Root failed to construct\n"));
   EXPECT_THAT(err, Not(HasSubstr("Initialized")));
+}
+
+TEST(ApplicationStart, ATakenWebPortIsAStartFailureNamingThePort) {
+  // The port is held by a listening socket of this test.
+  int holder = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(::bind(holder, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(holder, 1), 0);
+  socklen_t length = sizeof address;
+  ::getsockname(holder, reinterpret_cast<sockaddr*>(&address), &length);
+  auto port = std::to_string(ntohs(address.sin_port));
+  TempDir dir;
+  dir.write("config/system.xml", R"(<root><web_server type="web_server" address="127.0.0.1"/></root>)");
+  auto arguments = ZelProcess::arguments_for(dir);
+  arguments.back() = port;
+  ZelProcess zel(kProgram, arguments);
+  EXPECT_EQ(exit_code(zel.wait_exit(10s)), 1);
+  EXPECT_THAT(zel.error_text(), HasSubstr("Web server cannot listen on port " + port + " (bind: "));
+  ::close(holder);
 }
 
 TEST(ApplicationSignals, SigpipeIsIgnoredAndEachInterruptionEndsInAPlainExit) {

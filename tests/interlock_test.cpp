@@ -441,14 +441,19 @@ TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
   auto set_at = std::chrono::steady_clock::now();
   bool shows_ok = false;
   bool pending = false;
+  uint64_t trips_at = 0, condition_at = 0;
   on_context(lock, [&] {
     at<AnalogIO>(*root, "rig/x").set(5);
     shows_ok = lock.is_ok();  // a pending error shows OK
     pending = lock.pending();
+    trips_at = lock.trip_time().get();  // ... and when it will trip
+    condition_at = lock.condition_stamp();
   });
   EXPECT_TRUE(shows_ok);
   EXPECT_TRUE(pending);
+  EXPECT_EQ(trips_at, condition_at + 300000000u);
   ASSERT_TRUE(eventually([&] { return lock.is_error(); }));
+  EXPECT_EQ(lock.trip_time().get(), 0u) << "tripped: nothing pending";
   double delay = std::chrono::duration<double>(std::chrono::steady_clock::now() - set_at).count();
   EXPECT_GT(delay, 0.3);
   EXPECT_LT(delay, 0.3 + 0.5) << "slack for a loaded machine, not a poll period";

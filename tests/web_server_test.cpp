@@ -11,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/button_field.hpp"
 #include "core/io/io.hpp"
 #include "core/log_io.hpp"
 #include "core/root.hpp"
@@ -213,6 +214,24 @@ TEST(WebsocketProtocol, HistoryModeReportsEveryChangeUpToItsBound) {
   samples = nlohmann::json::parse(session.push())["data"]["a/value"];
   ASSERT_EQ(samples.size(), Subscription::kHistoryMax);
   EXPECT_EQ(samples.back()[0], 1199) << "the oldest samples are the ones dropped";
+  EXPECT_EQ(session.push(), R"({"event":"history_dropped","data":{"a/value":136}})") << "and the client is told";
+  at<AnalogIO>(*root, "a").set(5);
+  EXPECT_EQ(session.push().find("history_dropped"), std::string::npos) << "only once";
+}
+
+TEST(WebsocketProtocol, ANeverAssignedFieldIsPushedOnceAsNullWithStampZero) {
+  auto root = build("");
+  auto& node = root->add<Node>(VTree("n"));
+  auto& a = node.add<ValueField<double>>("a");
+  node.add<ValueField<double>>("b");
+  Session session(*root);
+  session.protocol.handle_message(R"({"event":"subscribe","data":{"n/a":1,"n/b":"history"}})");
+  auto first = nlohmann::json::parse(session.push());
+  EXPECT_EQ(first["data"]["n/a"].dump(), "[[null,0]]");
+  EXPECT_EQ(first["data"]["n/b"].dump(), "[[null,0]]");
+  EXPECT_EQ(session.push(), "") << "once";
+  a.set(2);
+  EXPECT_EQ(nlohmann::json::parse(session.push())["data"]["n/a"][0][0], 2);
 }
 
 namespace {
@@ -396,7 +415,7 @@ TEST(WebHttpApi, SetAnswersSuccessOrFailedWithTheReason) {
 }
 
 TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
-  Api api(R"(<ch type="component" label="Channels"><t type="analog_io" label="Temp" units="degC" value="3"/></ch>)");
+  Api api(R"(<ch type="component" label="Channels"><t type="analog_io" label="Temp" units="degC" format="%.2f" value="3"/></ch>)");
   at<Node>(*api.root, "io_server/json_test").set_attribute("confirm", "Run the self-check now?");
   auto tree = nlohmann::json::parse(api.call("GET", "/api/tree/ch?depth=1").body);
   EXPECT_EQ(tree["kind"], "node");
@@ -409,6 +428,8 @@ TEST(WebHttpApi, TreeDescriptionCarriesWhatAPageNeedsToDrawAnyNode) {
   EXPECT_EQ(t["value"]["path"], "ch/t/value");
   EXPECT_EQ(t["value"]["value"], 3);
   EXPECT_EQ(t["value"]["units"], "degC");
+  EXPECT_EQ(t["format"], "%.2f");
+  EXPECT_EQ(t["value"]["format"], "%.2f") << "an IO's value takes the IO's format";
   EXPECT_EQ(t["value"]["role"], "operator");
   EXPECT_FALSE(t.contains("children")) << "depth 1 ends here";
 
@@ -448,7 +469,21 @@ TEST(WebHttpApi, InterlockOverviewListsInterlocksAndColouredNodesOfTheManagerOnl
   EXPECT_EQ(door["color_field"], "interlocks/door/color");
   EXPECT_EQ(door["state_field"], "interlocks/door/value");
   EXPECT_EQ(overview["items"][1]["state"], 1);
+  EXPECT_FALSE(door.contains("inputs")) << "a coloured node is no interlock";
   EXPECT_EQ(overview["manager"]["path"], "interlocks");
+}
+
+TEST(WebHttpApi, TheInterlockReportTheManagerWritesCanBeDownloadedAndNothingBesideIt) {
+  Api api("");
+  auto& manager = *api.root->find_path("interlocks");
+  dynamic_cast<ButtonField&>(*static_cast<Node&>(manager).field("generate_report_csv")).press();
+  auto report = api.call("GET", "/reports/interlock_report.csv");
+  EXPECT_EQ(report.status, 200u);
+  EXPECT_EQ(report.content_type, "text/csv");
+  EXPECT_TRUE(report.body.starts_with("Path,Parent,Label,Detail\r\n")) << report.body;
+  std::ofstream(Paths::data_root() + "/secret.txt") << "top secret";
+  for (const char* target : {"/reports/../secret.txt", "/reports/%2e%2e/secret.txt", "/reports/none.csv"})
+    EXPECT_EQ(api.call("GET", target).status, 404u) << target;
 }
 
 TEST(WebHttpApi, OtherMethodsGet405AndALogLine) {
@@ -521,13 +556,14 @@ TEST_F(WebServerTest, ListensOnAFreePortAndShowsItInFieldAndLog) {
   EXPECT_EQ(head.body, "");
 }
 
-TEST_F(WebServerTest, ABusyPortIsLoggedWithTheBindStep) {
+TEST_F(WebServerTest, ABusyPortIsAStartFailureNamingThePort) {
   start();
   LogCapture log;
   auto second = build(R"(<web_server type="web_server" port=")" + std::to_string(port) + R"("/>)");
   second->initialize();
   EXPECT_EQ(at<WebServer>(*second, "web_server").port(), 0);
-  EXPECT_TRUE(log.contains("Error: bind "));
+  EXPECT_TRUE(second->start_failed()) << "the program stops instead of running without its page";
+  EXPECT_TRUE(log.contains(fmt::format("Error: Web server cannot listen on port {} (bind: ", port)));
   EXPECT_EQ(web_client::get(port, "/").status, 200u) << "the first server is unaffected";
 }
 

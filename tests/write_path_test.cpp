@@ -61,6 +61,7 @@ TEST(WritePath, EachFieldKindIsWritableOnlyWhereTheRulesSay) {
       {"c/permit/lock/value", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},   // a state
       {"c/permit/lock/upper_limit", "9", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
       {"c/permit/lock/state_time", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
+      {"c/permit/lock/trip_time", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
       {"c/permit/user_command", "false", WriteStatus::Done, WriteStatus::ReadOnly},  // an operator control
       {"c/hv", "true", WriteStatus::ReadOnly, WriteStatus::ReadOnly},                // driven by the permit
       {"c/label", "\"x\"", WriteStatus::ReadOnly, WriteStatus::ReadOnly},            // an attribute

@@ -44,6 +44,9 @@ async function route() {
 }
 
 async function loadAll() {
+  // The node in view first: its values are what the operator waits for.
+  route();
+  interlocks.load().catch(() => {});
   try {
     const root = await nav.load();
     const name = root.label || "Instrument";
@@ -52,10 +55,15 @@ async function loadAll() {
   } catch (error) {
     document.getElementById("instrument").textContent = "Instrument not reachable";
   }
-  interlocks.load().catch(() => {});
-  route();
+  nav.reveal(nav.current);
 }
 
+const trendsBox = document.getElementById("show-trends");
+trendsBox.checked = localStorage.getItem("zel.trends") !== "off";
+trendsBox.addEventListener("change", () => {
+  localStorage.setItem("zel.trends", trendsBox.checked ? "on" : "off");
+  route();
+});
 showHiddenBox.addEventListener("change", () => {
   localStorage.setItem("zel.showHidden", String(showHiddenBox.checked));
   nav.showHidden = showHiddenBox.checked;

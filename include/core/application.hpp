@@ -29,7 +29,8 @@ class Application {
   // The entry point; returns the process exit status: 1 after "help" (or a
   // command line that does not parse), -1 when the tree cannot be built or
   // start-up throws, 0 after an orderly stop, 1 when a restart in place
-  // could not start the program file. A restart in place does not return.
+  // could not start the program file or a part the instrument cannot run
+  // without failed to start (Root::fail_start). A restart in place does not return.
   int main(int argc, char** argv);
 
   // Requests (the administration node): end the run with a plain exit, a

@@ -46,6 +46,12 @@ class Root : public Component {
   // The root of the running system (the most recently made one), or null.
   static Root* instance();
 
+  // A part without which the instrument must not run (the web server that
+  // cannot listen) says so in its start(); the program then stops in order
+  // and exits with a failure status. The reason is logged by the caller.
+  void fail_start() { start_failed_ = true; }
+  bool start_failed() const { return start_failed_.load(); }
+
   // Configuration elements that could not be built since the last reset.
   static void count_configuration_error();
   static unsigned configuration_errors();
@@ -62,4 +68,5 @@ class Root : public Component {
   // only takes the lock while the tree is still starting.
   mutable std::atomic<bool> starting_{false};
   bool stopped_ = false;
+  std::atomic<bool> start_failed_{false};
 };

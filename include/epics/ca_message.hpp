@@ -59,6 +59,7 @@ enum Status : uint32_t {
   kBadCount = 176,
   kNoReadAccess = 368,
   kNoWriteAccess = 376,
+  kBadChannel = 410,
 };
 
 // Access rights bits.

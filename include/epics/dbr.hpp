@@ -50,11 +50,14 @@ struct PvValue {
   std::vector<std::string> states;  // an ENUM's state strings
 
   size_t count() const { return text ? texts.size() : numbers.size(); }
+  // Back to a value without elements, keeping the memory for the next one.
+  void clear();
 };
 
-// The payload (unpadded) of `type` with `count` elements (0: as many as the
-// value has). Nothing for a type beyond DBR_CTRL_DOUBLE.
-std::optional<std::string> encode(uint16_t type, uint32_t count, const PvValue& value);
+// Appends the payload (unpadded) of `type` with `count` elements (0: as many
+// as the value has). False, appending nothing, for a type beyond
+// DBR_CTRL_DOUBLE.
+bool encode(uint16_t type, uint32_t count, const PvValue& value, std::string& out);
 
 // What a client wrote, as plain elements of `type` (0 to 6) in `payload`.
 struct Written {

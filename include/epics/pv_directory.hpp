@@ -46,12 +46,22 @@ class PvDirectory {
     // that watches this IO); null for none.
     const InterlockIO* alarm = nullptr;
     const RangeInterlockIO* limits = nullptr;
+    // From the attributes, which do not change once the tree runs.
+    std::string units;
+    int16_t precision = 0;
 
     uint16_t native_type() const;
     // The element count now (at least 1).
     uint32_t count() const;
-    // The value as served, with alarm, stamp and display data.
-    dbr::PvValue read() const;
+    // The value as served, with alarm and stamp, and with the display data
+    // (units, precision, limits, states) when `display`; into `out`, whose
+    // memory is used again.
+    void read(dbr::PvValue& out, bool display) const;
+    dbr::PvValue read() const {
+      dbr::PvValue v;
+      read(v, true);
+      return v;
+    }
     // The value text of a written value, for the write path; nothing when it
     // cannot be one (a text for a number converts or not in the write path).
     std::optional<std::string> value_text(const dbr::Written& written) const;

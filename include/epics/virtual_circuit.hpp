@@ -28,6 +28,7 @@
 #include "core/write_path.hpp"
 #include "epics/ca_message.hpp"
 #include "epics/channel.hpp"
+#include "epics/dbr.hpp"
 
 class CaService;
 
@@ -68,6 +69,9 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   // The monitor's update, when its mask lets this change through.
   void send_update(Monitor& monitor, bool initial);
 
+  // Appends the reply carrying value_ in the reply's type and count.
+  void append_value(ca::Header reply, const Channel& channel);
+
   void do_write();
   void on_write(const boost::system::error_code& ec, size_t n);
 
@@ -89,6 +93,9 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   std::string input_;
   std::string output_;
   std::string writing_;
+  // Used again for every value sent, so that sending allocates nothing.
+  dbr::PvValue value_;
+  std::string payload_;
   std::chrono::steady_clock::time_point write_started_{};
 
   uint32_t next_sid_ = 1;

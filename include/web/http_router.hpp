@@ -14,6 +14,8 @@
 //   GET  /api/interlocks                   the interlock overview
 //   GET  /api/log?after=N&limit=M          log records after sequence number N
 //   /api/alarms...                         the alarm journal: AlarmRequests
+//   GET  /reports/<file>                   a report the instrument wrote
+//                                          (<data root>/reports), to download
 //   /api/login, /api/logout, /api/session, /api/users, /api/tokens: WebAccess
 //   GET  anything else                     a file of the document root
 // HEAD is answered like GET without the body. Other methods get 405 with
@@ -26,10 +28,10 @@
 #include <utility>
 #include <vector>
 
+#include "web/document_root.hpp"
 #include "web/recent_texts.hpp"
 
 class Root;
-class DocumentRoot;
 class WebAccess;
 
 struct HttpRequestView {
@@ -66,8 +68,7 @@ class HttpRouter {
   static constexpr std::string_view kFileNotFound = "File not found";
   static constexpr int kDefaultLogLimit = 200;
 
-  HttpRouter(Root& root, const DocumentRoot& documents, WebAccess& access)
-      : root_(root), documents_(documents), access_(access) {}
+  HttpRouter(Root& root, const DocumentRoot& documents, WebAccess& access);
 
   HttpReply answer(const HttpRequestView& request) const;
 
@@ -77,10 +78,11 @@ class HttpRouter {
   HttpReply describe_tree(std::string_view target) const;
   HttpReply interlocks() const;
   HttpReply log_records(std::string_view target) const;
-  HttpReply document(std::string_view target) const;
+  static HttpReply document(const DocumentRoot& files, std::string_view target);
 
   Root& root_;
   const DocumentRoot& documents_;
+  DocumentRoot reports_;  // the data root's reports, confined like the pages
   // Tree descriptions, kept for kTreeDescriptionAge: a client that asks for
   // the whole tree a thousand times a second costs five descriptions.
   static constexpr std::chrono::milliseconds kTreeDescriptionAge{200};

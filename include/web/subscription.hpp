@@ -5,7 +5,9 @@
 // stamp it last reported. A change of the field queues the subscription on
 // the session's PushTrigger, once until the next report. In history mode it
 // also collects every change between two reports (at most kHistoryMax; the
-// oldest are dropped), so a client can draw a trace without missing changes.
+// oldest are dropped, and counted), so a client can draw a trace and knows
+// when it misses changes. A field that was never assigned is reported once as
+// [null,0].
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -41,6 +43,9 @@ class Subscription {
   void write_report(std::string& out);
   // The next pass reports the current value again (a repeated subscribe).
   void report_again();
+  // History mode: how many changes were dropped before the samples of the
+  // last report (more than kHistoryMax came between two reports).
+  uint64_t dropped() const { return last_dropped_; }
 
   // One sample: "[" value text "," stamp "]".
   static void write_sample(const FieldBase& field, std::string& out);
@@ -54,6 +59,7 @@ class Subscription {
     // A vector, not a deque: an idle subscription then holds no block at all
     // (a deque allocates one on construction), and 64 short strings move fast.
     std::vector<std::string> samples;
+    uint64_t dropped = 0;  // changes pushed out of samples since the last report
   };
 
   uint64_t id_;
@@ -61,6 +67,8 @@ class Subscription {
   Mode mode_;
   std::string key_;
   uint64_t reported_stamp_ = 0;
+  bool first_report_pending_ = false;  // latest mode: report even a never-assigned field
+  uint64_t last_dropped_ = 0;
   std::shared_ptr<Watch> watch_;
   std::shared_ptr<PushTrigger> trigger_;
   FieldSubscription listener_;

@@ -2,12 +2,14 @@
 // WebListener: accepts TCP connections for the web server and starts an
 // HTTPSession for each, over the channel its ChannelMaker makes (plain TCP
 // unless told otherwise), on a strand of one of the server's threads (taken in
-// turn). Set-up failures are logged with the step that failed ("open ",
-// "set_option ", "bind ", "listen "), accept failures with "async_accept ";
+// turn). A set-up failure is answered with the step that failed and why
+// ("bind: Address already in use"); accept failures are logged with
+// "async_accept ";
 // after a failed accept it waits a moment before the next, so a shortage of
 // descriptors does not spin.
 #include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include <boost/asio/io_context.hpp>
@@ -26,8 +28,8 @@ class WebListener : public std::enable_shared_from_this<WebListener> {
   WebListener(boost::asio::io_context& io, std::vector<boost::asio::io_context*> session_ios,
               std::shared_ptr<WebShared> shared, ChannelMaker make_channel = plain_http_channel);
 
-  // Opens, binds and listens; false (logged) when a step fails.
-  bool open(const boost::asio::ip::tcp::endpoint& endpoint);
+  // Opens, binds and listens; empty when listening, else what failed.
+  std::string open(const boost::asio::ip::tcp::endpoint& endpoint);
   uint16_t port() const;
   // Starts accepting; call on the listener's own thread.
   void run();

@@ -179,6 +179,7 @@ void AlarmJournal::stop() {
     std::lock_guard lock(queue_mutex_);
     running_ = false;
   }
+  written_.notify_all();  // a waiter whose line came too late writes it itself
   drain();  // whatever came after the writer ended
   std::lock_guard io(io_mutex_);
   out_.close();

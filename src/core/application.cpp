@@ -129,6 +129,11 @@ int Application::start(int argc, char** argv) {
     root_->initialize();
     ZEL_INFO("Initialized");
     initialized_ = true;
+    if (root_->start_failed()) {
+      // A part the instrument cannot run without failed: stop in order.
+      shutdown();
+      return 1;
+    }
     watch_program_file();
     heartbeat_.attach();
   } catch (const std::exception& e) {

@@ -117,13 +117,26 @@ size_t element_size(Element element) {
   return 0;
 }
 
-std::optional<std::string> encode(uint16_t type, uint32_t count, const PvValue& v) {
-  if (type > kLastType) return std::nullopt;
+void PvValue::clear() {
+  text = false;
+  numbers.clear();
+  texts.clear();
+  status = StatusNone;
+  severity = NoAlarm;
+  stamp_ns = 0;
+  units.clear();
+  precision = 0;
+  display_low = display_high = control_low = control_high = 0;
+  alarm_low = warning_low = warning_high = alarm_high = std::numeric_limits<double>::quiet_NaN();
+  states.clear();
+}
+
+bool encode(uint16_t type, uint32_t count, const PvValue& v, std::string& out) {
+  if (type > kLastType) return false;
   Element element = element_of(type);
   Form form = form_of(type);
   size_t n = count ? count : std::max<size_t>(v.count(), 1);
-  std::string out;
-  out.reserve(96 + n * element_size(element));
+  out.reserve(out.size() + 96 + n * element_size(element));
   if (form != Plain) {
     ca::put16(out, static_cast<uint16_t>(v.status));
     ca::put16(out, static_cast<uint16_t>(v.severity));
@@ -140,7 +153,7 @@ std::optional<std::string> encode(uint16_t type, uint32_t count, const PvValue& 
     if (element == String) put_text(out, text_at(v, i), kStringSize);
     else put_number(out, element, number_at(v, i));
   }
-  return out;
+  return true;
 }
 
 std::optional<Written> decode(uint16_t type, uint32_t count, std::string_view payload) {

@@ -135,6 +135,9 @@ PvDirectory::PvDirectory(Vertex& top, std::string prefix) {
     entry.kind = *kind;
     if (auto* interlock = dynamic_cast<const InterlockIO*>(owner)) entry.alarm = interlock;
     if (auto it = watched.find(&field); it != watched.end()) entry.alarm = entry.limits = it->second;
+    entry.units = attribute(field, &FieldAttributes::units, &Node::units);
+    if (*kind == Kind::Number || *kind == Kind::NumberArray)
+      entry.precision = precision_of(attribute(field, &FieldAttributes::format, &Node::format));
     entries_.push_back(entry);
     if (*kind == Kind::Text) {
       entry.name.push_back('$');
@@ -171,8 +174,8 @@ uint32_t PvDirectory::Entry::count() const {
   return 1;
 }
 
-dbr::PvValue PvDirectory::Entry::read() const {
-  dbr::PvValue v;
+void PvDirectory::Entry::read(dbr::PvValue& v, bool display) const {
+  v.clear();
   v.stamp_ns = field->stamp();
   switch (kind) {
     case Kind::Button: v.numbers.push_back(0); break;
@@ -188,16 +191,17 @@ dbr::PvValue PvDirectory::Entry::read() const {
     }
     default: read_numbers(*field, v.numbers);
   }
+  // States and precision also turn numbers into strings, so they come always.
   if (kind == Kind::Bool || kind == Kind::Button || kind == Kind::BoolArray) v.states = {"false", "true"};
-  v.units = attribute(*field, &FieldAttributes::units, &Node::units);
-  v.precision = kind == Kind::Number || kind == Kind::NumberArray
-                    ? precision_of(attribute(*field, &FieldAttributes::format, &Node::format))
-                    : 0;
-  if (auto* range = field->range(); range && std::isfinite(range->min) && std::isfinite(range->max)) {
-    v.control_low = v.display_low = range->min;
-    v.control_high = v.display_high = range->max;
+  v.precision = precision;
+  if (display) {
+    v.units = units;
+    if (auto* range = field->range(); range && std::isfinite(range->min) && std::isfinite(range->max)) {
+      v.control_low = v.display_low = range->min;
+      v.control_high = v.display_high = range->max;
+    }
   }
-  if (limits) {
+  if (limits && display) {
     v.alarm_low = limit_or_nan(limits->lower_limit());
     v.alarm_high = limit_or_nan(limits->upper_limit());
     v.warning_low = limit_or_nan(limits->lower_warning());
@@ -215,7 +219,6 @@ dbr::PvValue PvDirectory::Entry::read() const {
     v.severity = dbr::Invalid;
     v.status = dbr::StatusUdf;
   }
-  return v;
 }
 
 std::optional<std::string> PvDirectory::Entry::value_text(const dbr::Written& w) const {

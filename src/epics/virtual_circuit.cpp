@@ -177,7 +177,7 @@ void VirtualCircuit::create_channel(const ca::Header& h, std::string_view payloa
 
 void VirtualCircuit::clear_channel(const ca::Header& h) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, h.parameter2, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, h.parameter2, ca::kBadChannel, "no such channel");
   for (auto& [id, monitor] : ch->monitors) monitors_.erase(id);
   channels_.erase(h.parameter1);
   ca::append_message(output_, {ca::kClearChannel, 0, 0, 0, h.parameter1, h.parameter2});
@@ -185,24 +185,28 @@ void VirtualCircuit::clear_channel(const ca::Header& h) {
 
 void VirtualCircuit::read_notify(const ca::Header& h) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, 0, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, 0, ca::kBadChannel, "no such channel");
   ca::Header reply{ca::kReadNotify, 0, h.data_type, h.data_count, ca::kNormal, h.parameter2};
   if (h.data_count > kCountMax) {
     reply.parameter1 = ca::kBadCount;
     return ca::append_message(output_, reply);
   }
-  auto value = ch->entry->read();
-  if (!(ch->rights & ca::kReadAccess)) {
+  ch->entry->read(value_, dbr::form_of(h.data_type) >= dbr::Gr);
+  append_value(reply, *ch);
+}
+
+void VirtualCircuit::append_value(ca::Header reply, const Channel& ch) {
+  if (!(ch.rights & ca::kReadAccess)) {
     reply.parameter1 = ca::kNoReadAccess;
-    value = {};
+    value_.clear();
   }
-  auto payload = dbr::encode(h.data_type, h.data_count, value);
-  if (!payload) {
+  payload_.clear();
+  if (!dbr::encode(reply.data_type, reply.data_count, value_, payload_)) {
     reply.parameter1 = ca::kBadType;
     return ca::append_message(output_, reply);
   }
-  if (reply.data_count == 0) reply.data_count = static_cast<uint32_t>(std::max<size_t>(value.count(), 1));
-  ca::append_message(output_, reply, *payload);
+  if (reply.data_count == 0) reply.data_count = static_cast<uint32_t>(std::max<size_t>(value_.count(), 1));
+  ca::append_message(output_, reply, payload_);
 }
 
 void VirtualCircuit::write(const ca::Header& h, std::string_view payload, bool notify) {
@@ -210,7 +214,7 @@ void VirtualCircuit::write(const ca::Header& h, std::string_view payload, bool n
   uint32_t status = ca::kNormal;
   std::string reason;
   if (!ch) {
-    status = ca::kBadType;
+    status = ca::kBadChannel;
     reason = "no such channel";
   } else if (auto written = dbr::decode(h.data_type, h.data_count, payload); !written) {
     status = h.data_type > dbr::Double ? ca::kBadType : ca::kBadCount;
@@ -245,7 +249,7 @@ void VirtualCircuit::send_error(const ca::Header& request, uint32_t cid, uint32_
 
 void VirtualCircuit::add_event(const ca::Header& h, std::string_view payload) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, 0, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, 0, ca::kBadChannel, "no such channel");
   if (h.data_type > dbr::kLastType || h.data_count > kCountMax) {
     return ca::append_message(output_, {ca::kEventAdd, 0, h.data_type, h.data_count,
                                         h.data_type > dbr::kLastType ? ca::kBadType : ca::kBadCount, h.parameter2});
@@ -275,7 +279,7 @@ void VirtualCircuit::add_event(const ca::Header& h, std::string_view payload) {
 
 void VirtualCircuit::cancel_event(const ca::Header& h) {
   auto* ch = channel(h.parameter1);
-  if (!ch) return send_error(h, 0, ca::kBadType, "no such channel");
+  if (!ch) return send_error(h, 0, ca::kBadChannel, "no such channel");
   monitors_.erase(h.parameter2);
   ch->monitors.erase(h.parameter2);
   ca::append_message(output_, {ca::kEventAdd, 0, h.data_type, h.data_count, h.parameter1, h.parameter2});
@@ -313,24 +317,16 @@ void VirtualCircuit::flush_monitors() {
 void VirtualCircuit::send_update(Monitor& monitor, bool initial) {
   auto* ch = channel(monitor.sid);
   if (!ch) return;
-  auto value = ch->entry->read();
-  bool value_changed = value.stamp_ns != monitor.sent_stamp;
-  bool alarm_changed = value.severity != monitor.sent_severity || value.status != monitor.sent_status;
+  ch->entry->read(value_, dbr::form_of(monitor.type) >= dbr::Gr);
+  bool value_changed = value_.stamp_ns != monitor.sent_stamp;
+  bool alarm_changed = value_.severity != monitor.sent_severity || value_.status != monitor.sent_status;
   bool wanted = initial || (value_changed && (monitor.mask & (ca::kMaskValue | ca::kMaskLog))) ||
                 (alarm_changed && (monitor.mask & ca::kMaskAlarm));
   if (!wanted) return;
-  monitor.sent_stamp = value.stamp_ns;
-  monitor.sent_severity = value.severity;
-  monitor.sent_status = value.status;
-  ca::Header reply{ca::kEventAdd, 0, monitor.type, monitor.count, ca::kNormal, monitor.id};
-  if (!(ch->rights & ca::kReadAccess)) {
-    reply.parameter1 = ca::kNoReadAccess;
-    value = {};
-  }
-  auto payload = dbr::encode(monitor.type, monitor.count, value);
-  if (!payload) return;
-  if (reply.data_count == 0) reply.data_count = static_cast<uint32_t>(std::max<size_t>(value.count(), 1));
-  ca::append_message(output_, reply, *payload);
+  monitor.sent_stamp = value_.stamp_ns;
+  monitor.sent_severity = value_.severity;
+  monitor.sent_status = value_.status;
+  append_value({ca::kEventAdd, 0, monitor.type, monitor.count, ca::kNormal, monitor.id}, *ch);
 }
 
 // ---- Output ----------------------------------------------------------------

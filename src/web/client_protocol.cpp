@@ -159,6 +159,7 @@ ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
   queued_.erase(std::unique(queued_.begin(), queued_.end()), queued_.end());
   auto start = Clock::steady_ns();
   size_t visited = 0;
+  nlohmann::ordered_json lost = nlohmann::ordered_json::object();  // history subscriptions that dropped samples
   for (; visited < queued_.size(); ++visited) {
     if (Clock::seconds_since(start) >= kPassBudgetSeconds) {
       result.complete = false;
@@ -171,9 +172,16 @@ ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
     if (result.wrote) out.push_back(',');
     result.wrote = true;
     subscription.write_report(out);
+    if (auto dropped = subscription.dropped()) lost[subscription.field().path()] = dropped;
   }
   queued_.erase(queued_.begin(), queued_.begin() + static_cast<std::ptrdiff_t>(visited));
   out.append("}}");
+  // Told right after the update whose samples follow the gap.
+  if (!lost.empty()) {
+    nlohmann::ordered_json notice{{"event", "history_dropped"}, {"data", std::move(lost)}};
+    replies_.push_back(notice.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
+    result.complete = false;
+  }
   result.seconds = Clock::seconds_since(start);
   if (result.seconds > kSlowPassSeconds) ZEL_WARN("Slow WebSocket response time: {} seconds", result.seconds);
   return result;

@@ -11,6 +11,7 @@
 #include "web/alarm_requests.hpp"
 #include "web/document_root.hpp"
 #include "core/write_path.hpp"
+#include "std/paths.hpp"
 #include "web/field_access.hpp"
 #include "web/tree_description.hpp"
 #include "web/web_access.hpp"
@@ -79,6 +80,9 @@ HttpReply not_found() { return text_reply(404, HttpRouter::kFileNotFound); }
 
 }  // namespace
 
+HttpRouter::HttpRouter(Root& root, const DocumentRoot& documents, WebAccess& access)
+    : root_(root), documents_(documents), reports_(Paths::reports_dir()), access_(access) {}
+
 HttpReply HttpRouter::answer(const HttpRequestView& request) const {
   auto target = request.target;
   bool read = request.method == "GET" || request.method == "HEAD";
@@ -99,7 +103,8 @@ HttpReply HttpRouter::answer(const HttpRequestView& request) const {
     if (has_prefix_segment(target, "/api/interlocks")) return interlocks();
     if (has_prefix_segment(target, "/api/log")) return log_records(target);
     if (has_prefix_segment(target, "/api")) return not_found();
-    return document(target);
+    if (has_prefix_segment(target, "/reports")) return document(reports_, target.substr(std::string_view("/reports").size()));
+    return document(documents_, target);
   }
   ZEL_ERROR("HTTP method {} is not allowed for '{}'", request.method.substr(0, 20), target.substr(0, 200));
   auto reply = text_reply(405, "Method not allowed");
@@ -165,9 +170,9 @@ HttpReply HttpRouter::log_records(std::string_view target) const {
   return json_reply(out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
-HttpReply HttpRouter::document(std::string_view target) const {
+HttpReply HttpRouter::document(const DocumentRoot& files, std::string_view target) {
   DocumentRoot::Document file;
-  switch (documents_.find(target, file)) {
+  switch (files.find(target, file)) {
     case DocumentRoot::Result::Found: {
       HttpReply reply;
       reply.content_type = file.content_type;

@@ -1,5 +1,7 @@
 #include "web/subscription.hpp"
 
+#include <utility>
+
 #include <nlohmann/json.hpp>
 
 Subscription::Subscription(uint64_t id, FieldBase& field, Mode mode, const std::shared_ptr<PushTrigger>& trigger)
@@ -16,7 +18,10 @@ Subscription::Subscription(uint64_t id, FieldBase& field, Mode mode, const std::
       write_sample(*f, sample);
       std::lock_guard lock(watch->mutex);
       watch->samples.push_back(std::move(sample));
-      if (watch->samples.size() > kHistoryMax) watch->samples.erase(watch->samples.begin());
+      if (watch->samples.size() > kHistoryMax) {
+        watch->samples.erase(watch->samples.begin());
+        ++watch->dropped;
+      }
     }
     if (!watch->queued.exchange(true, std::memory_order_acq_rel)) trigger->notify(id);
   });
@@ -25,6 +30,11 @@ Subscription::Subscription(uint64_t id, FieldBase& field, Mode mode, const std::
 }
 
 void Subscription::write_sample(const FieldBase& field, std::string& out) {
+  // A field never assigned has no value to show yet: null, stamp 0.
+  if (!field.assigned()) {
+    out.append("[null,0]");
+    return;
+  }
   out.push_back('[');
   field.write_json(out);
   out.push_back(',');
@@ -39,7 +49,7 @@ bool Subscription::due() {
 }
 
 bool Subscription::changed() const {
-  if (mode_ == Mode::Latest) return field_->stamp() != reported_stamp_;
+  if (mode_ == Mode::Latest) return field_->stamp() != reported_stamp_ || first_report_pending_;
   std::lock_guard lock(watch_->mutex);
   return !watch_->samples.empty();
 }
@@ -51,12 +61,14 @@ void Subscription::write_report(std::string& out) {
     // The stamp is taken before the value: a change in between is reported
     // again by the next pass, never lost.
     reported_stamp_ = field_->stamp();
+    first_report_pending_ = false;
     write_sample(*field_, out);
   } else {
     std::vector<std::string> samples;
     {
       std::lock_guard lock(watch_->mutex);
       samples.swap(watch_->samples);
+      last_dropped_ = std::exchange(watch_->dropped, 0);
     }
     bool first = true;
     for (auto& s : samples) {
@@ -71,7 +83,8 @@ void Subscription::write_report(std::string& out) {
 void Subscription::report_again() {
   if (mode_ == Mode::Latest) {
     reported_stamp_ = 0;
-  } else if (field_->assigned()) {
+    first_report_pending_ = true;
+  } else {
     std::string sample;
     write_sample(*field_, sample);
     std::lock_guard lock(watch_->mutex);

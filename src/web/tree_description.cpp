@@ -5,6 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "core/io/interlock_io.hpp"
 #include "core/io/interlock_manager.hpp"
 #include "core/io/io.hpp"
 #include "core/node.hpp"
@@ -50,21 +51,27 @@ json describe_field(const FieldBase& field) {
       {"label", attributes ? attributes->label : ""},
       {"detail", attributes ? attributes->detail : ""},
       {"units", attributes ? attributes->units : ""},
+      {"format", attributes ? attributes->format : ""},
       {"readonly", FieldAccess::read_only_for_users(field)},
       {"role", to_string(Permissions::needed_for(field))},
       {"confirm", (attributes && attributes->confirm) || (button && node_asks_confirmation(owner))},
       {"value", value_of(field)},
       {"stamp", field.stamp()},
   };
+  // An output a permit command owns: the page points to what commands it.
+  if (auto* driver = field.driven_by()) out["driven_by"] = driver->path();
   // A selection offers its values, each with the label a user sees.
   if (attributes && !attributes->choices.empty()) {
     json choices = json::array();
     for (auto& [value, label] : attributes->choices) choices.push_back({{"value", value}, {"label", label}});
     out["choices"] = std::move(choices);
   }
-  // An IO's value takes the IO's units when it has none of its own.
+  // An IO's value takes the IO's units and format when it has none of its own.
   auto* io = dynamic_cast<const IOBase*>(owner);
-  if (out["units"] == "" && io && io->value_field() == &field) out["units"] = io->units();
+  if (io && io->value_field() == &field) {
+    if (out["units"] == "") out["units"] = io->units();
+    if (out["format"] == "") out["format"] = io->format();
+  }
   return out;
 }
 
@@ -82,6 +89,7 @@ json describe_node(const Node& node, int depth) {
       {"icon", node.icon()},
       {"color", node.color()},
       {"units", node.units()},
+      {"format", node.format()},
       {"readonly", node.readonly()},
       {"hidden", node.hidden()},
       {"confirm", confirm == "false" ? "" : confirm},
@@ -162,8 +170,14 @@ std::string TreeDescription::interlocks(const Vertex& root) {
         {"state_field", state ? state->path() : ""},
         {"state", state ? value_of(*state) : json()},
     });
+    if (auto* interlock = dynamic_cast<const InterlockIO*>(node)) {
+      json inputs = json::array();
+      for (auto* field : interlock->watched()) inputs.push_back(field->path());
+      items.back()["inputs"] = std::move(inputs);
+    }
   });
   json out{{"items", std::move(items)}};
-  out["manager"] = manager ? describe_node(*manager, 0) : json();
+  // With its children: the summary, message and enable_all are IOs.
+  out["manager"] = manager ? describe_node(*manager, 1) : json();
   return dump(out);
 }

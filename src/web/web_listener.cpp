@@ -34,30 +34,18 @@ WebListener::WebListener(net::io_context& io, std::vector<net::io_context*> sess
       shared_(std::move(shared)),
       make_channel_(std::move(make_channel)) {}
 
-bool WebListener::open(const tcp::endpoint& endpoint) {
+std::string WebListener::open(const tcp::endpoint& endpoint) {
   beast::error_code ec;
   acceptor_.open(endpoint.protocol(), ec);
-  if (ec) {
-    ZEL_ERROR("open {}", ec.message());
-    return false;
-  }
+  if (ec) return "open: " + ec.message();
   // An in-place restart binds again at once, past the old connections' TIME_WAIT.
   acceptor_.set_option(net::socket_base::reuse_address(true), ec);
-  if (ec) {
-    ZEL_ERROR("set_option {}", ec.message());
-    return false;
-  }
+  if (ec) return "set_option: " + ec.message();
   acceptor_.bind(endpoint, ec);
-  if (ec) {
-    ZEL_ERROR("bind {}", ec.message());
-    return false;
-  }
+  if (ec) return "bind: " + ec.message();
   acceptor_.listen(net::socket_base::max_listen_connections, ec);
-  if (ec) {
-    ZEL_ERROR("listen {}", ec.message());
-    return false;
-  }
-  return true;
+  if (ec) return "listen: " + ec.message();
+  return {};
 }
 
 uint16_t WebListener::port() const {

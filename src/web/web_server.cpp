@@ -149,7 +149,12 @@ void WebServer::start() {
     ios.push_back(&running->contexts.back()->io());
   }
   running->listener = std::make_shared<WebListener>(*ios.front(), ios, running->shared);
-  if (!running->listener->open({address, static_cast<uint16_t>(port)})) return;
+  if (auto failure = running->listener->open({address, static_cast<uint16_t>(port)}); !failure.empty()) {
+    // An instrument without its page cannot be operated: stop rather than run on.
+    ZEL_ERROR("Web server cannot listen on port {} ({}); the program stops", port, failure);
+    if (auto* tree = root()) tree->fail_start();
+    return;
+  }
   port_.set(running->listener->port());
   ZEL_INFO("Web server listening on port {}", port_.get());
   if (tls_port_.assigned() && listen_tls(*running, ios, address)) access->set_https_port(tls_port_.get());
@@ -182,8 +187,8 @@ bool WebServer::listen_tls(Running& running, const std::vector<net::io_context*>
   auto listener = std::make_shared<WebListener>(*ios.front(), ios, running.shared, [context](WebSocketTcp&& socket) {
     return context->channel(std::move(socket));
   });
-  if (!listener->open({address, static_cast<uint16_t>(port)})) {
-    ZEL_ERROR("HTTPS is off: port {} cannot be listened on. Plain HTTP answers the loopback only", port);
+  if (auto failure = listener->open({address, static_cast<uint16_t>(port)}); !failure.empty()) {
+    ZEL_ERROR("HTTPS is off: port {} cannot be listened on ({}). Plain HTTP answers the loopback only", port, failure);
     return false;
   }
   tls_port_.set(listener->port());

@@ -1,8 +1,13 @@
 // The operator page in Debian's Chromium against the real program: the first
-// start's admin logs in, the page shows live values, sets values and says why
-// a set is refused, presses buttons after asking, colours the interlock
-// overview, draws I2C chips, logs out, a page of another site changes
-// nothing, and an alarm is acknowledged and survives a restart.
+// start's admin logs in, the page shows live values and their trends, sets
+// values and says why a set is refused, presses buttons after asking, speaks
+// of interlocks and permits in their states (a pending trip counting down, a
+// revoked permit and why its command is refused), draws I2C chips, an admin
+// issues and revokes a token, logs out, a page of another site changes
+// nothing, an alarm is acknowledged and survives a restart, and while the
+// program is stopped the page shows offline and afterwards goes on with the
+// new program's log. Each main view is left as a screenshot in the artefacts
+// folder.
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { cpSync, mkdirSync, mkdtempSync, rmSync, writeFileSync } from "node:fs";
@@ -30,6 +35,14 @@ const CONFIG = `<root label="Browser Test Rig">
   <gen type="signal_generator" label="Test signal" enabled="false"/>
   <sensors type="component"><door_open type="digital_io" value="false"/></sensors>
   <interlocks><door type="digital_interlock_io" label="Door closed" input="sensors/door_open"/></interlocks>
+  <chamber type="component" label="Chamber">
+    <pressure type="analog_io" label="Pressure" units="mbar" value="1"/>
+    <hv_enable type="digital_io" label="High voltage" value="false"/>
+    <hv_permit type="permit_command_io" label="HV permit" output="chamber/hv_enable">
+      <vacuum type="range_interlock_io" label="Vacuum" input="chamber/pressure" units="mbar"
+              upper_warning="5" upper_limit="10" error_time_duration="2.5"/>
+    </hv_permit>
+  </chamber>
   <i2c type="i2c_bus" device="sim">
     <display type="us2066" address="60" lines="2" row_0="Hello" row_1="Rig"><poll rate="20"/></display>
     <port type="pcf8574" address="32" command="15"><poll rate="20"/></port>
@@ -38,11 +51,11 @@ const CONFIG = `<root label="Browser Test Rig">
 
 let dataRoot, profile, zel, base, browser, page, password, cookie;
 
-function startZel() {
+function startZel(port = 0) {
   return new Promise((resolve, reject) => {
     const [program, ...prefix] = [...EMULATOR, BINARY];
     const child = spawn(program, [...prefix, "--config", join(dataRoot, "rig.xml"), "--data-root", dataRoot, "--pid-file",
-      join(dataRoot, "zel.pid"), "--io-mount", "none", "--port", "0"], { stdio: ["ignore", "pipe", "pipe"] });
+      join(dataRoot, "zel.pid"), "--io-mount", "none", "--port", String(port)], { stdio: ["ignore", "pipe", "pipe"] });
     let seen = "";
     let shown = "";
     child.stdout.on("data", (chunk) => {
@@ -129,19 +142,23 @@ before(async () => {
   page.on("pageerror", (error) => console.error("page error:", error.message));
 });
 
+// Leaves a picture of the page as it is in the run's artefacts.
+async function screenshot(name) {
+  if (!ARTIFACTS) return;
+  mkdirSync(ARTIFACTS, { recursive: true });
+  await page.screenshot({ path: join(ARTIFACTS, `${name}.png`) });
+}
+
+async function stopZel() {
+  if (!zel || zel.exitCode !== null) return;
+  const exited = new Promise((resolve) => zel.once("exit", resolve));
+  zel.kill("SIGTERM");
+  await exited;
+}
+
 after(async () => {
-  if (page && ARTIFACTS) {
-    mkdirSync(ARTIFACTS, { recursive: true });
-    await page.goto(`${base}/#/channels`);
-    await valueOf("channels/temperature/value").waitFor();
-    await page.screenshot({ path: join(ARTIFACTS, "page.png") });
-  }
   await browser?.close();
-  if (zel && zel.exitCode === null) {
-    const exited = new Promise((resolve) => zel.once("exit", resolve));
-    zel.kill("SIGTERM");
-    await exited;
-  }
+  await stopZel();
   rmSync(dataRoot, { recursive: true, force: true });
   rmSync(profile, { recursive: true, force: true });
 });
@@ -164,16 +181,34 @@ test("the first start's admin logs in on the page", async () => {
   await page.locator('.tree-link[href="#/channels"]').click();
   await shows(page.locator("h1"), "Channels");
   await shows(valueOf("channels/temperature/value"), "21.5");
+  await screenshot("values");
 });
 
-test("a value changed through the API shows on the page at once", async () => {
+test("values changed through the API show at once and draw in their trends", async () => {
   await page.goto(`${base}/#/channels`);
   await shows(valueOf("channels/temperature/value"), "21.5");
-  await put("channels/temperature", "37.25");
+  const spark = page.locator('.trend.spark[data-path="channels/temperature/value"]');
+  await spark.locator("canvas").waitFor();
+  for (const value of ["30", "31.5", "29", "37.25"]) await put("channels/temperature", value);
   await shows(valueOf("channels/temperature/value"), "37.25");
+  await page.waitForFunction(() => {
+    const trend = document.querySelector('.trend.spark[data-path="channels/temperature/value"]');
+    return Number(trend.dataset.samples) >= 5 && trend.dataset.last === "37.25";
+  });
   await put("channels/pump", "true");
   await shows(valueOf("channels/pump/value"), "true");
   assert.equal(await rowOf("channels/pump/value").locator("input[type=checkbox]").isChecked(), true);
+
+  await spark.click();
+  const chart = page.locator('.trend-dialog .trend.large[data-path="channels/temperature/value"]');
+  await chart.locator("canvas").waitFor();
+  await page.locator(".trend-windows button", { hasText: "10 min" }).click();
+  assert.ok(Number(await chart.getAttribute("data-samples")) >= 5);
+  await put("channels/temperature", "12");
+  await page.waitForFunction(() => document.querySelector(".trend.large").dataset.last === "12");
+  await screenshot("trend");
+  await page.locator(".trend-dialog .close").click();
+  await page.locator(".trend-dialog").waitFor({ state: "detached" });
 });
 
 test("values set on the page reach the tree", async () => {
@@ -222,15 +257,70 @@ test("a button asks for confirmation and only then acts", async () => {
   await shows(valueOf("gen/restarts"), "1");
 });
 
-test("the interlock overview follows each interlock's colour", async () => {
+test("interlocks show their state in words, a pending trip counts down, a revoked permit says why", async () => {
   await page.goto(`${base}/#/`);
-  const tile = page.locator('.tile[data-path="interlocks/door"]');
-  await shows(tile, "OK");
+  const door = page.locator('.tile[data-path="interlocks/door"]');
+  await shows(door, "OK");
   await shows(page.locator("#interlock-summary"), "Interlocks: OK");
+  await shows(page.locator(".interlock-message"), "All interlocks OK.");
+  await page.locator("#interlock-manager .row", { hasText: "Enable All" }).waitFor();
   await put("sensors/door_open", "true");
-  await shows(tile, "TRIPPED");
+  await shows(door, "TRIPPED");
   await shows(page.locator("#interlock-summary"), "Interlocks: TRIPPED");
-  assert.equal(await tile.getAttribute("data-color"), "red");
+  assert.equal(await door.getAttribute("data-color"), "red");
+  await put("sensors/door_open", "false");
+
+  // The report "Generate" writes can be downloaded.
+  await page.locator('#interlock-manager button[data-path="interlocks/generate_report_csv"]').click();
+  const link = page.locator("#interlock-manager .report-link");
+  await link.waitFor();
+  const report = await fetch(new URL(await link.getAttribute("href"), base));
+  assert.equal(report.status, 200);
+  const csv = await report.text();
+  assert.ok(csv.startsWith("Path,Parent,Label,Detail\r\n"), csv);
+  assert.match(csv, /^chamber\/hv_permit\/vacuum,chamber\/hv_permit,Vacuum,/m);
+
+  await page.goto(`${base}/#/chamber/hv_permit/vacuum`);
+  const state = page.locator(".interlock-view .state-box");
+  await shows(state, "OK");
+  await shows(page.locator(".interlock-view .condition"), "Trips above 10 mbar; warns above 5 mbar");
+  await shows(rowOf("chamber/hv_permit/vacuum/lower_limit"), "not set");
+  await put("chamber/pressure", "7");
+  await shows(state, "WARNING");
+  await put("chamber/pressure", "50");
+  await shows(state, "TRIP PENDING");
+  await shows(state.locator(".state-note"), "trips in");
+  await screenshot("interlock-pending");
+  await shows(state, "TRIPPED");
+  assert.match(await state.locator(".state-since").textContent(), /^since \d/);
+
+  await page.goto(`${base}/#/chamber/hv_permit`);
+  await shows(page.locator(".interlock-view .state-box"), "REVOKED");
+  await shows(page.locator(".interlock-view .state-box"), "by Vacuum");
+  await shows(page.locator('.tile[data-path="chamber/hv_permit"]'), "by Vacuum");
+  await rowOf("chamber/hv_permit/user_command").locator(".slider").click();
+  await shows(rowOf("chamber/hv_permit/user_command").locator(".row-error"), "Refused: the permit is revoked by Vacuum; the command was withdrawn.");
+  await shows(page.locator(".permit-command.refused"), "revoked by Vacuum");
+  await screenshot("permit-revoked");
+  await treeHas("chamber/hv_enable/value", false);
+
+  await put("chamber/pressure", "1");
+  await shows(page.locator(".interlock-view .state-box"), "GRANTED");
+  await rowOf("chamber/hv_permit/user_command").locator(".slider").click();
+  await treeHas("chamber/hv_enable/value", true);
+  await shows(page.locator(".permit-command"), "the output is on");
+  // The output itself is the permit's: the page points there, and a set is refused with the reason.
+  await page.goto(`${base}/#/chamber`);
+  await shows(rowOf("chamber/hv_enable/value").locator(".readonly-note"), "switched by chamber/hv_permit");
+  const refused = await fetch(`${base}/io/chamber/hv_enable`, { method: "PUT", body: "false", headers: { cookie } });
+  assert.equal(refused.status, 403);
+  assert.match(refused.headers.get("x-zel-error"), /is driven by 'chamber\/hv_permit'/);
+  // The limits stand next to the value they guard, which is marked beyond them.
+  const pressure = rowOf("chamber/pressure/value");
+  await shows(pressure.locator(".guard"), "warns above 5 · trips above 10 mbar (Vacuum)");
+  await put("chamber/pressure", "12");
+  await pressure.locator(".value.beyond-limit").waitFor();
+  await put("chamber/pressure", "1");
 });
 
 test("a chip's panel draws its display and shows its fault while it does not answer", async () => {
@@ -244,8 +334,10 @@ test("a chip's panel draws its display and shows its fault while it does not ans
   await shows(page.locator(".chip-fault"), "Answering");
   await put("i2c/simulation/port/answering", "false");
   await shows(page.locator(".chip-fault.raised"), "I2C read failure: readState()");
+  await shows(page.locator(".panel.stale .stale-note"), "Stale: the source does not answer");
   await put("i2c/simulation/port/answering", "true");
   await shows(page.locator(".chip-fault:not(.raised)"), "Answering");
+  assert.equal(await page.locator(".panel.stale").count(), 0, "fresh again once it answers");
 });
 
 test("an admin issues an API token on the page, sees it listed and revokes it", async () => {
@@ -304,21 +396,23 @@ test("an alarm appears on a trip, is acknowledged on the page and is still ackno
   await dialog.locator("#login-submit").click();
   await shows(page.locator("#login"), "admin (admin)");
 
-  const newest = () => page.locator('.alarm-row[data-path="interlocks/door"]').first();
+  const { last } = await (await fetch(`${base}/api/alarms?limit=1`)).json();
   await put("sensors/door_open", "true");
   await shows(page.locator("#alarm-banner"), "unacknowledged alarm");
   await page.locator("#alarm-banner").click();
-  await shows(newest(), "TRIPPED");
-  assert.equal(await newest().getAttribute("data-kind"), "trip");
-  assert.match(await newest().locator(".alarm-text").textContent(), /'sensors\/door_open' is true/);
-  const id = await newest().getAttribute("data-id");
+  // The trip's own row: newer than anything the journal held before it.
+  await page.waitForFunction((before) => Number(document.querySelector(".alarm-row")?.dataset.id) > before, last);
+  const newest = page.locator(".alarm-row").first();
+  await shows(newest, "TRIPPED");
+  assert.equal(await newest.getAttribute("data-path"), "interlocks/door");
+  assert.equal(await newest.getAttribute("data-kind"), "trip");
+  assert.match(await newest.locator(".alarm-text").textContent(), /'sensors\/door_open' is true/);
+  const id = await newest.getAttribute("data-id");
   const row = page.locator(`.alarm-row[data-id="${id}"]`);
   await row.locator(".alarm-ack-button").click();
   await shows(row.locator(".alarm-ack"), "acknowledged by admin");
 
-  const exited = new Promise((resolve) => zel.once("exit", resolve));
-  zel.kill("SIGTERM");
-  await exited;
+  await stopZel();
   const started = await startZel();
   zel = started.child;
   base = `http://127.0.0.1:${started.port}`;
@@ -327,8 +421,33 @@ test("an alarm appears on a trip, is acknowledged on the page and is still ackno
   await shows(row.locator(".alarm-ack"), "acknowledged by admin");
   const journal = await (await fetch(`${base}/api/alarms`)).json();
   assert.equal(journal.alarms.find((alarm) => String(alarm.id) === id)?.acknowledged_by, "admin");
-  if (ARTIFACTS) {
-    mkdirSync(ARTIFACTS, { recursive: true });
-    await page.screenshot({ path: join(ARTIFACTS, "alarms.png") });
-  }
+  await screenshot("alarms");
+});
+
+test("while the program is stopped the page is offline, and its log goes on after the restart", async () => {
+  await page.goto(`${base}/#/channels`);
+  await page.locator("#connection.live").waitFor();
+  await page.locator(".log-record").first().waitFor();
+  await stopZel();
+  await page.locator("body.offline").waitFor();
+  await page.locator(".offline-banner").waitFor({ state: "visible" });
+  await shows(page.locator("#interlock-summary"), "not known (offline)");
+  assert.equal(await page.locator("#interlock-summary").getAttribute("data-color"), "neutral");
+  // Nothing on screen claims a state in green: the panels are drawn grey.
+  const filters = await page.evaluate(() => [".interlocks", ".layout", "#interlock-summary"]
+    .map((s) => getComputedStyle(document.querySelector(s)).filter));
+  assert.deepEqual(filters, ["grayscale(1)", "grayscale(1)", "grayscale(1)"]);
+  await screenshot("offline");
+
+  const restarted = await startZel(new URL(base).port);
+  zel = restarted.child;
+  await page.locator("#connection.live").waitFor({ timeout: 15000 });
+  await shows(page.locator(".log-record.restart"), "the program restarted");
+  // The new run's first records arrive although their numbers start again.
+  await page.waitForFunction(() => {
+    const items = [...document.querySelectorAll(".log-record")];
+    const marker = items.findIndex((i) => i.classList.contains("restart"));
+    return items.slice(0, marker).some((i) => i.textContent.includes("Web server listening on port"));
+  });
+  await screenshot("after-restart");
 });

@@ -62,6 +62,7 @@ CONFIG = f"""<?xml version="1.0"?>
     <operator type="string_io" value="nobody"/>
     <untouched type="analog_io"/>
   </channels>
+  <exerciser type="store_exerciser" store="exercise"><poll rate="5"/></exerciser>
   <chamber type="component">
     <vacuum type="range_interlock_io" input="channels/pressure" upper_warning="1100" upper_limit="1200"/>
   </chamber>
@@ -222,6 +223,9 @@ def types_and_forms():
         sock.close()
     ctrl = ca.get_ctrlvars(ca.create_channel("T:channels:pump"), timeout=WAIT)
     check(list(ctrl["enum_strs"]) == ["false", "true"], f"a boolean's states {ctrl['enum_strs']}")
+    values = connected("T:exerciser:values")
+    check(values.count == 16 and ca.field_type(values.chid) == dbr.DOUBLE, f"a vector as an array: {values.count}")
+    wait_for(lambda: len(set(values.get(use_monitor=False))) == 1, "an array's elements arriving as one value")
     long_text = ca.get(ca.create_channel("T:channels:operator$"), as_string=True, timeout=WAIT)
     check(long_text == "nobody", f"a string as a CHAR array: {long_text!r}")
     check(severity_of("T:channels:untouched") == 3, "a value never assigned is INVALID")
@@ -251,6 +255,9 @@ def puts():
         sid = raw_channel(sock, "T:chamber:vacuum", 7)
         check(raw_write_notify(sock, sid, dbr.LONG, struct.pack(">i", 1), 1) == ECA_NOWTACCESS,
               "a write to a state value is refused by the server too")
+        sid = raw_channel(sock, "T:epics:port", 9)
+        check(raw_write_notify(sock, sid, dbr.LONG, struct.pack(">i", 1), 3) == ECA_NOWTACCESS,
+              "a write to a read-only setting is refused by the server too")
         sid = raw_channel(sock, "T:channels:temperature", 8)
         check(raw_write_notify(sock, sid, dbr.STRING, b"warm".ljust(40, b"\0"), 2) == ECA_PUTFAIL,
               "a text that is no number is refused")

@@ -1,12 +1,13 @@
 // The server's HTTP API: tree descriptions, sets, the interlock overview and
 // the log.
+import { parseJson } from "./format.js";
 
 const encodePath = (path) => path.split("/").filter(Boolean).map(encodeURIComponent).join("/");
 
 async function getJson(url) {
   const response = await fetch(url, { cache: "no-store" });
   if (!response.ok) throw new Error(`${url}: ${response.status} ${response.statusText}`);
-  return response.json();
+  return parseJson(await response.text());
 }
 
 export function describe(path, depth = 1) {
@@ -17,6 +18,9 @@ export function describe(path, depth = 1) {
 export const interlocks = () => getJson("/api/interlocks");
 
 export const logAfter = (sequence, limit = 200) => getJson(`/api/log?after=${sequence}&limit=${limit}`);
+
+// Where the interlock manager's "Generate" leaves its report.
+export const INTERLOCK_REPORT = "/reports/interlock_report.csv";
 
 // Sets a field from its value text. Resolves {ok, error}; error is the
 // server's reason in words for the operator.

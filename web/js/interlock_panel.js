@@ -1,20 +1,12 @@
-// The interlock overview: one tile per interlock (any node whose type names
-// an interlock or that carries a colour), coloured by its state, and the
-// manager's summary and controls.
+// The interlock overview: one tile per interlock and permit, in the words of
+// the domain (OK / WARNING / TRIP PENDING / TRIPPED, GRANTED / REVOKED and
+// by which interlock), and the manager's summary, message, "Enable All" and
+// report. While the page is offline nothing here claims a state.
 import * as api from "./api.js";
 import { h, title } from "./dom.js";
 import { actionButton, fieldRow } from "./fields.js";
-import { formatValue } from "./format.js";
-
-// What each state colour means to an operator.
-const STATES = {
-  green: { word: "OK", rank: 0 },
-  orange: { word: "WARNING", rank: 1 },
-  yellow: { word: "WARNING", rank: 1 },
-  red: { word: "TRIPPED", rank: 2 },
-};
-
-const STATE_COLORS = ["green", "red", "orange"];
+import { learnGuards } from "./guards.js";
+import { colorState, interlockState, isInterlockType, isPermitType, permitState, summaryState, worst } from "./interlock_state.js";
 
 export class InterlockPanel {
   constructor(live) {
@@ -23,42 +15,79 @@ export class InterlockPanel {
     this.tiles = document.getElementById("interlock-tiles");
     this.manager = document.getElementById("interlock-manager");
     this.pill = document.getElementById("interlock-summary");
-    this.colors = new Map();
+    this.entries = [];     // {item, state, paint}
     this.stops = [];
+    this.offline = false;
+    this.summary = null;
+    // Pending trips count down without any push.
+    setInterval(() => this.entries.forEach((e) => e.pending && e.refresh()), 200);
+    live.onStatus((status) => {
+      this.offline = status === "offline";
+      this.updatePill();
+    });
   }
 
   async load() {
     this.stops.forEach((stop) => stop());
     this.stops = [];
-    this.colors.clear();
+    this.entries = [];
     const overview = await api.interlocks();
+    learnGuards(overview);
     const items = overview.items ?? [];
     this.section.hidden = items.length === 0;
-    this.tiles.replaceChildren(...items.map((item) => this.tile(item)));
+    const tiles = items.map((item) => this.tile(item));
+    this.tiles.replaceChildren(...tiles);
     this.showManager(overview.manager);
-    this.updatePill();
+    this.repaintAll();
   }
 
   tile(item) {
     const state = h("span", { class: "tile-state" }, "");
-    const value = h("span", { class: "tile-value" }, "");
+    const note = h("span", { class: "tile-note" }, "");
     const tile = h("a", { class: "tile", href: `#/${item.path}`, title: item.detail || item.type, dataset: { path: item.path } },
-      h("span", { class: "tile-label" }, item.label), state, value);
-    const paint = (color) => {
-      const known = STATES[color];
-      tile.dataset.color = color || "";
-      tile.style.setProperty("--tile", known ? `var(--${color})` : color || "var(--neutral)");
-      state.textContent = known ? known.word : (color || "—");
-      this.colors.set(item.path, color);
-      this.updatePill();
+      h("span", { class: "tile-label" }, item.label), state, note);
+    const entry = { item, state: null, value: item.state, tripTime: 0n, color: item.color };
+    entry.refresh = () => {
+      entry.state = this.stateOf(entry);
+      entry.pending = entry.state.color === "pending";
+      tile.dataset.color = entry.state.color;
+      tile.dataset.state = entry.state.word;
+      state.textContent = entry.state.word;
+      note.textContent = entry.state.note ?? "";
     };
-    paint(item.color);
-    if (item.color_field) this.stops.push(this.live.watch(item.color_field, (color) => paint(color)));
-    if (item.state_field) {
-      value.textContent = formatValue(item.state);
-      this.stops.push(this.live.watch(item.state_field, (v) => (value.textContent = formatValue(v))));
+    this.entries.push(entry);
+    const changed = () => this.repaintAll();
+    if (item.state_field) this.stops.push(this.live.watch(item.state_field, (v) => { entry.value = v; changed(); }));
+    if (item.color_field) this.stops.push(this.live.watch(item.color_field, (c) => { entry.color = c; changed(); }));
+    if (isInterlockType(item.type)) {
+      this.stops.push(this.live.watch(`${item.path}/trip_time`, (t) => { entry.tripTime = t; changed(); }));
     }
     return tile;
+  }
+
+  stateOf(entry) {
+    const { item } = entry;
+    if (isPermitType(item.type)) {
+      const shown = { ...permitState(entry.value) };
+      if (entry.value === false) shown.note = `by ${this.locksInError(item.path).join(", ") || "an interlock"}`;
+      return shown;
+    }
+    if (isInterlockType(item.type)) return interlockState(entry.value, entry.tripTime);
+    return colorState(entry.color);
+  }
+
+  // The interlocks beneath a permit that are tripped.
+  locksInError(permitPath) {
+    return this.entries
+      .filter((e) => e.item.path.startsWith(`${permitPath}/`) && isInterlockType(e.item.type) && Number(e.value) === 1)
+      .map((e) => e.item.label);
+  }
+
+  repaintAll() {
+    // Interlocks first: a permit's tile names those in error.
+    for (const entry of this.entries) if (!isPermitType(entry.item.type)) entry.refresh();
+    for (const entry of this.entries) if (isPermitType(entry.item.type)) entry.refresh();
+    this.updatePill();
   }
 
   showManager(manager) {
@@ -67,42 +96,59 @@ export class InterlockPanel {
       this.manager.replaceChildren();
       return;
     }
-    const rows = h("div", { class: "rows compact" });
-    for (const field of manager.fields) {
-      if (field.name === "summary") {
-        this.summary = field.value;
-        this.stops.push(this.live.watch(field.path, (v) => {
-          this.summary = v;
-          this.updatePill();
-        }));
-        continue;
-      }
-      const row = fieldRow(field, this.live);
+    const children = manager.children ?? [];
+    const child = (name) => children.find((c) => c.name === name && c.kind === "io");
+    const parts = [];
+    const summary = child("summary");
+    if (summary) {
+      this.summary = summary.value.value;
+      this.stops.push(this.live.watch(summary.value.path, (v) => { this.summary = v; this.updatePill(); }));
+    }
+    const message = child("message");
+    if (message) {
+      const text = h("span", { class: "interlock-message", dataset: { path: message.value.path } }, message.value.value ?? "");
+      this.stops.push(this.live.watch(message.value.path, (v) => (text.textContent = v ?? "")));
+      parts.push(text);
+    }
+    const enableAll = child("enable_all");
+    if (enableAll) {
+      const rows = h("div", { class: "rows compact" });
+      const row = fieldRow({ ...enableAll.value, detail: enableAll.detail }, this.live, { label: title(enableAll) === "Enable all" ? "Enable All" : title(enableAll) });
       this.stops.push(row.stop);
       rows.append(row.element);
+      parts.push(rows);
     }
-    const buttons = manager.buttons.map((b) => actionButton(b, manager));
-    this.manager.replaceChildren(...(rows.children.length ? [rows] : []), ...buttons);
+    for (const button of manager.buttons) {
+      const after = button.name === "generate_report_csv" ? () => this.offerReport() : undefined;
+      parts.push(actionButton(button, manager, after));
+    }
+    this.report = h("a", { class: "report-link", href: api.INTERLOCK_REPORT, download: "interlock_report.csv", hidden: true }, "Download the report");
+    parts.push(this.report);
+    this.manager.replaceChildren(...parts);
   }
 
-  // The header's pill: the worst state among the tiles, and the manager's
-  // summary text when it has one.
+  offerReport() {
+    this.report.hidden = false;
+  }
+
+  // The header's pill: the manager's summary and the worst tile; while
+  // offline no state is claimed at all.
   updatePill() {
     if (this.section.hidden) {
       this.pill.hidden = true;
       return;
     }
-    let worst = "green";
-    for (const color of this.colors.values()) {
-      if ((STATES[color]?.rank ?? 0) > STATES[worst].rank) worst = color;
-    }
-    // A numeric summary is an interlock state: 0 OK, 1 error, 2 warning.
-    const stateColor = typeof this.summary === "number" ? STATE_COLORS[this.summary] : undefined;
-    if (stateColor && STATES[stateColor].rank > STATES[worst].rank) worst = stateColor;
-    let text = STATES[worst].word;
-    if (typeof this.summary === "string" && this.summary) text = this.summary;
     this.pill.hidden = false;
-    this.pill.dataset.color = worst;
-    this.pill.textContent = `Interlocks: ${text}`;
+    if (this.offline) {
+      this.pill.dataset.color = "neutral";
+      this.pill.textContent = "Interlocks: not known (offline)";
+      return;
+    }
+    // Permits follow their interlocks: the pill speaks of the interlocks.
+    const states = this.entries.filter((e) => !isPermitType(e.item.type)).map((e) => e.state ?? this.stateOf(e));
+    if (this.summary !== null) states.push(summaryState(this.summary));
+    const shown = worst(states);
+    this.pill.dataset.color = shown.color;
+    this.pill.textContent = `Interlocks: ${shown.word}`;
   }
 }

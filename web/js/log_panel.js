@@ -1,5 +1,7 @@
 // The log: the newest records first, errors marked, fetched whenever the
-// log's own value changes.
+// log's own value changes. After the connection comes back it checks whether
+// the program restarted (its record numbers start again): then it marks the
+// restart and goes on with the new program's records.
 import * as api from "./api.js";
 import { h } from "./dom.js";
 import { logTime } from "./format.js";
@@ -9,7 +11,9 @@ const KEPT = 300;
 export class LogPanel {
   constructor(live) {
     this.list = document.getElementById("log-records");
-    this.last = 0;
+    this.last = 0;           // sequence number of the newest record shown
+    this.lastStamp = null;   // and its stamp: together they tell one program run
+    this.recheck = false;    // the connection was lost: the program may have restarted
     this.pending = null;
     this.errorsOnly = document.getElementById("log-errors-only");
     this.errorsOnly.addEventListener("change", () => this.list.classList.toggle("errors-only", this.errorsOnly.checked));
@@ -20,7 +24,10 @@ export class LogPanel {
     });
     this.fetch();
     live.watch("log/value", () => this.soon());
-    live.onStatus((status) => status === "live" && this.soon());
+    live.onStatus((status) => {
+      if (status === "offline") this.recheck = true;
+      if (status === "live") this.soon();
+    });
   }
 
   soon() {
@@ -33,17 +40,35 @@ export class LogPanel {
 
   async fetch() {
     try {
+      if (this.recheck && this.last > 0) {
+        // The newest record shown, asked for again: same number and stamp
+        // means the same program run.
+        const again = await api.logAfter(this.last - 1, 1);
+        const same = again.records.find((r) => r.seq === this.last);
+        this.recheck = false;
+        if (!same || same.stamp !== this.lastStamp) this.restarted();
+      }
       const answer = await api.logAfter(this.last);
+      if ((answer.last ?? 0) < this.last) {
+        this.restarted();
+        return this.fetch();
+      }
       for (const record of answer.records) this.add(record);
-      this.last = Math.max(this.last, answer.last ?? 0);
     } catch {
       // The connection status already tells that the instrument is away.
     }
   }
 
+  restarted() {
+    this.last = 0;
+    this.lastStamp = null;
+    this.list.prepend(h("li", { class: "log-record restart" }, "— the program restarted —"));
+  }
+
   add(record) {
     if (record.seq <= this.last) return;
     this.last = record.seq;
+    this.lastStamp = record.stamp;
     const item = h("li", { class: `log-record ${record.level}` },
       h("span", { class: "log-time" }, logTime(record.stamp)),
       h("span", { class: "log-level" }, record.level),

@@ -3,6 +3,8 @@ import * as api from "./api.js";
 import { h, title } from "./dom.js";
 import { chipView } from "./chip_views.js";
 import { actionButton, fieldRow, liveValue } from "./fields.js";
+import { isInterlockType, isPermitType } from "./interlock_state.js";
+import { interlockSection, permitSection, stateChip } from "./interlock_view.js";
 
 function breadcrumb(path) {
   const parts = path ? path.split("/") : [];
@@ -29,6 +31,21 @@ function partCard(child, live, stops) {
   return card;
 }
 
+// A driver whose hardware does not answer says so in its "fault" field: the
+// values it read are stale until it answers again.
+function markStale(node, panel, live, stops) {
+  const fault = node.fields.find((f) => f.name === "fault" && f.type === "string");
+  if (!fault) return;
+  const note = h("p", { class: "stale-note", role: "status" });
+  panel.insertBefore(note, panel.children[1]);
+  const show = (text) => {
+    panel.classList.toggle("stale", Boolean(text));
+    note.textContent = text ? `Stale: the source does not answer (${text}); these are its last values.` : "";
+  };
+  show(fault.value);
+  stops.push(live.watch(fault.path, show));
+}
+
 // Draws the node at `path` into `container`; resolves to a function that
 // ends its live watches.
 export async function showNode(container, path, live, { showHidden }) {
@@ -51,9 +68,26 @@ export async function showNode(container, path, live, { showHidden }) {
     stops.push(row.stop);
     values.append(row.element);
   };
-  if (node.value) addRow({ ...node.value, detail: "" }, { label: "Value" });
-  for (const field of node.fields) addRow(field);
+  const interlock = isInterlockType(node.type);
+  const permit = isPermitType(node.type) ? permitSection(node, live, stops) : null;
+  // An interlock's or permit's value is its state, shown above in words.
+  if (node.value && !interlock && !permit) addRow({ ...node.value, detail: "" }, { label: "Value" });
+  for (const field of node.fields) {
+    if (field.name === "trip_time") continue;  // shown as the countdown
+    addRow(field);
+    if (permit && field.name === "user_command") {
+      permit.explain(values.lastElementChild);
+      values.append(h("div", { class: "row-note" }, permit.command));
+    }
+  }
   for (const io of ios) {
+    if (isInterlockType(io.type)) {
+      values.append(h("div", { class: "row", dataset: { path: io.value.path } },
+        h("div", { class: "row-label" }, h("a", { href: `#/${io.path}`, class: "label" }, title(io)),
+          io.detail ? h("span", { class: "detail" }, io.detail) : null),
+        h("div", { class: "row-value" }, stateChip(io, live, stops)), h("div", {}), h("div", {})));
+      continue;
+    }
     addRow({ ...io.value, detail: io.detail, units: io.value.units || io.units, readonly: io.value.readonly || io.readonly },
       { label: title(io), link: io.path });
   }
@@ -68,7 +102,13 @@ export async function showNode(container, path, live, { showHidden }) {
   ];
   const chip = chipView(node, live, stops);
   if (chip) sections.push(chip);
-  if (values.children.length) sections.push(h("section", { class: "panel" }, h("h2", {}, "Values"), values));
+  if (interlock) sections.push(interlockSection(node, live, stops));
+  if (permit) sections.push(permit.section);
+  if (values.children.length) {
+    const panel = h("section", { class: "panel" }, h("h2", {}, "Values"), values);
+    markStale(node, panel, live, stops);
+    sections.push(panel);
+  }
   if (node.buttons.length) {
     sections.push(h("section", { class: "panel" }, h("h2", {}, "Actions"),
       h("div", { class: "actions" }, node.buttons.map((b) => actionButton(b, node)))));

@@ -89,7 +89,14 @@ class InterlockIO : public StateIO<int> {
   ValueField<double>& error_time_duration() const { return error_time_duration_; }
   // The stamp (wall-clock nanoseconds) of the state's last change.
   ValueField<unsigned long long>& state_time() const { return state_time_; }
+  // While an error is pending, the stamp (wall-clock nanoseconds) at which
+  // it trips if it holds; 0 otherwise. Lets a page show the delay running
+  // out instead of a bare OK.
+  ValueField<unsigned long long>& trip_time() const { return trip_time_; }
 
+  // The values this interlock watches (its inputs), once the tree is built:
+  // a page draws the limits next to them.
+  const std::vector<const FieldBase*>& watched() const { return watched_; }
   // Publishes the state once the tree runs: the condition is taken from the
   // inputs as they are and evaluated.
   void start() override;
@@ -121,6 +128,8 @@ class InterlockIO : public StateIO<int> {
   void follow_state();
   // A pending error: makes sure a timer re-evaluates when its duration ends.
   void arm_trip_timer();
+  // Records whether an error is pending, and when it trips (trip_time).
+  void set_pending(bool pending);
 
   DigitalIO& enabled_;
   DigitalIO& latching_;
@@ -130,11 +139,13 @@ class InterlockIO : public StateIO<int> {
   ValueField<bool>& latching_value_;
   ValueField<double>& error_time_duration_;
   ValueField<unsigned long long>& state_time_;
+  ValueField<unsigned long long>& trip_time_;
   Field<std::string>* color_ = nullptr;
   Field<int> condition_{"condition"};  // internal, not a child
   TimerIO condition_timer_{VTree("condition_timer")};  // internal, not a child
   std::function<int()> condition_function_;
   std::atomic<bool> pending_{false};
+  std::vector<const FieldBase*> watched_;  // filled while the tree is built, read-only after
   bool held_error_ = false;  // a broken configuration: the condition stays 1
   // Steady-clock deadline of the armed trip timer; 0 when none is armed.
   std::atomic<int64_t> armed_until_ns_{0};

@@ -45,6 +45,7 @@ InterlockIO::InterlockIO(const VTree& config, std::function<int()> condition, st
       latching_value_(latching_.value()),
       error_time_duration_(add_setting<ValueField<double>>(config, "error_time_duration")),
       state_time_(add<ValueField<unsigned long long>>("state_time")),
+      trip_time_(add<ValueField<unsigned long long>>("trip_time")),
       condition_function_(std::move(condition)) {
   set_default("detail", std::string("A generic interlock."));
   set_default("icon", std::string("lock"));
@@ -62,6 +63,9 @@ InterlockIO::InterlockIO(const VTree& config, std::function<int()> condition, st
   guard_limits(config, {&error_time_duration_}, {0.0, std::numeric_limits<double>::infinity()});
   error_time_duration_.listen([this] { evaluate(); });
   state_time_.attributes_for_update().detail = "The time the state last changed";
+  trip_time_.set_readonly(true);
+  trip_time_.set(0);
+  trip_time_.attributes_for_update().detail = "While an error condition waits out its duration: when it trips.";
 
   value().listen([this] { follow_state(); });
   condition_.listen([this] { condition_timer_.restart(); });
@@ -88,7 +92,7 @@ bool InterlockIO::set_tolerance(double readback, double command, double limit, d
 void InterlockIO::evaluate() {
   auto& state = value();
   if (!enabled_value_.get()) {
-    pending_.store(false, std::memory_order_relaxed);
+    set_pending(false);
     state.set(Ok);  // notifies when never assigned or not 0
     return;
   }
@@ -96,14 +100,22 @@ void InterlockIO::evaluate() {
   bool latching = latching_value_.get();
   if (result == Error && error_time_duration_.assigned() &&
       !(condition_timer_.elapsed() > error_time_duration_.get())) {
-    pending_.store(true, std::memory_order_relaxed);
+    set_pending(true);
     arm_trip_timer();
     if (!latching) state.set(Ok);
     return;
   }
-  pending_.store(false, std::memory_order_relaxed);
+  set_pending(false);
   if (latching && (result == Ok || (state.assigned() && state.get() != Ok))) return;
   state.set(result);
+}
+
+void InterlockIO::set_pending(bool pending) {
+  pending_.store(pending, std::memory_order_relaxed);
+  uint64_t trips = 0;
+  // Durations beyond a few centuries are cut short: the stamp stays in range.
+  if (pending) trips = condition_.stamp() + static_cast<uint64_t>(std::min(error_time_duration_.get(), 1e10) * 1e9);
+  if (trip_time_.get() != trips) trip_time_.set(trips);
 }
 
 void InterlockIO::arm_trip_timer() {
@@ -146,6 +158,7 @@ void InterlockIO::watch(IOBase& input) {
   auto* field = input.value_field();
   if (!field) throw ConfigError("'" + path() + "' can't watch '" + input.path() + "': it has no value");
   field->listen([this] { refresh(); });
+  watched_.push_back(field);
 }
 
 void InterlockIO::refresh() {
