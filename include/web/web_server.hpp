@@ -8,7 +8,7 @@
 // Settings: "port", "address" (default "0.0.0.0", every interface),
 // "threads" (network threads, default one per core up to 4), "push_spacing"
 // (milliseconds, the shortest time between two pushes to one WebSocket
-// client, 0 to 1000; the default 0 paces pushes by the socket alone),
+// client, 0 to 1000, default 2; 0 paces pushes by the socket alone),
 // "websocket_compression" (offer permessage-deflate, default false), and the limits
 // on what one client can make the server hold (WebLimits: "http_body_max",
 // "http_header_max", "http_buffer_max", "http_pipeline_max",

@@ -24,9 +24,9 @@ class Root;
 // Everything a client can make the server hold is capped here; the web
 // server node's settings of the same names override the defaults.
 struct WebLimits {
-  // 0: a session pushes as soon as its previous write is done (idle.md,
-  // "Push cadence"); a setting above 0 makes it the shortest time between two.
-  static constexpr std::chrono::microseconds kDefaultPushSpacing{0};
+  // The shortest time between two pushes to a session; at 0 a session pushes
+  // as soon as its previous write is done (idle.md, "Push cadence").
+  static constexpr std::chrono::microseconds kDefaultPushSpacing{2000};
 
   size_t http_body_max = 1u << 20;        // a request body above this gets 413
   size_t http_header_max = 16u << 10;     // request line and headers above this get 431

@@ -9,10 +9,10 @@
 // keeps the server's push spacing). One write is in flight at a time; what
 // changes meanwhile goes in the next write, made as soon as this one
 // completes (push spacing 0: paced by the socket) or by asking for the next
-// round (a spacing above 0). The pass reads the fields' latest values, so a slow client
-// never builds a backlog: what it misses are intermediate values of a field
-// that changed again before the client took the previous push (history
-// subscriptions keep the last 64).
+// round (a spacing above 0). The pass reads the fields' latest values, so a
+// slow client never builds a backlog: what it misses are intermediate values
+// of a field that changed again before the client took the previous push
+// (history subscriptions keep the last 64).
 #include <chrono>
 #include <memory>
 #include <string>
