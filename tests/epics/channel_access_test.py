@@ -289,6 +289,48 @@ def puts():
     finally:
         sock.close()
     check(epics.caget("T:chamber:vacuum", timeout=WAIT) == 0, "the state is unchanged")
+    values = connected("T:exerciser:values")
+    check(values.put([1.5, 2.5, 3.5], wait=True, timeout=WAIT) == 1, "a vector put")
+    got = list(values.get(use_monitor=False))
+    check(got[:3] == [1.5, 2.5, 3.5], f"the vector reads back: {got}")
+    busy_put_holds_only_its_circuit()
+    puts_apply_in_order()
+
+
+def busy_put_holds_only_its_circuit():
+    """A put waiting for a busy node stalls neither other circuits nor searches."""
+    slow, other = raw_circuit(), raw_circuit()
+    try:
+        slow_sid = raw_channel(slow, "T:slow:value", 1)
+        watch_sid = raw_channel(other, "T:slow:value", 1)
+        other_sid = raw_channel(other, "T:channels:temperature", 2)
+        other.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, watch_sid, 5))
+        check(next_update(other, 5) == 0.0, "the slow value's first update")
+        slow.sendall(header(19, struct.pack(">d", 8.0), dbr.DOUBLE, 1, slow_sid, 1))
+        # The value is set, and its node now holds its thread for two seconds.
+        check(next_update(other, 5) == 8.0, "the slow put applied")
+        status, _ = raw_read(other, other_sid, dbr.DOUBLE, 2)
+        check(status == 1, "a get on another circuit")
+        check(search_reply_port() == PORT, "a search answered")
+        check(not select.select([slow], [], [], 0)[0], "both answered while the slow put is still pending")
+        check(reply(slow, 19, 1)[3] == 1, "the slow put answered when done")
+    finally:
+        slow.close()
+        other.close()
+
+
+def puts_apply_in_order():
+    """Puts sent at once on one channel apply and answer in the order sent."""
+    sock = raw_circuit()
+    try:
+        sid = raw_channel(sock, "T:channels:pressure", 1)
+        sock.sendall(b"".join(header(19, struct.pack(">d", 1000.0 + i), dbr.DOUBLE, 1, sid, i) for i in range(20)))
+        answers = [read_message(sock) for _ in range(20)]
+        check([(m[0], m[4]) for m in answers] == [(19, i) for i in range(20)], "write-notify answers in order")
+        _, value = raw_read(sock, sid, dbr.DOUBLE, 99)
+        check(struct.unpack(">d", value[:8])[0] == 1019.0, "the last put sent is the value")
+    finally:
+        sock.close()
 
 
 def monitors():
