@@ -143,13 +143,10 @@ def raw_channel(sock, name, cid):
         check(message[0] in (0, 22), f"{name}: created (got command {message[0]})")
 
 
-def raw_read(sock, sid, data_type, ioid):
+def raw_read(sock, sid, data_type, ioid, skipped=None):
     sock.sendall(header(15, data_type=data_type, count=1, p1=sid, p2=ioid))
-    while True:
-        message = read_message(sock)
-        check(message is not None, "circuit stays open after a read")
-        if message[0] == 15 and message[4] == ioid:
-            return message[3], message[5]
+    message = reply(sock, 15, ioid, skipped)
+    return message[3], message[5]
 
 
 def raw_write_notify(sock, sid, data_type, value, ioid, count=1):
@@ -173,13 +170,16 @@ def next_update(sock, subscription):
     return struct.unpack(">d", reply(sock, 1, subscription)[5][:8])[0]
 
 
-def search_reply_port():
+def search_reply_port(times=1):
+    """The port a search's answer names, after `times` searches sent at once."""
     search = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    request = header(0, count=13) + header(6, b"T:channels:temperature\0", data_type=5, count=13, p1=1, p2=1)
+    for _ in range(times):
+        search.sendto(request, ("127.0.0.1", PORT))
     search.settimeout(WAIT)
-    search.sendto(header(0, count=13) + header(6, b"T:channels:temperature\0", data_type=5, count=13, p1=1, p2=1),
-                  ("127.0.0.1", PORT))
-    answer = search.recv(1500)
+    answer = search.recv(1500)  # replies beyond the kernel's buffer are dropped
     search.close()
+    check(answer[:2] == b"\0\0", "a search answer starts with the version")
     return struct.unpack(">HHHHII", answer[16:32])[2]
 
 
@@ -364,8 +364,7 @@ def updates_sent_during(sock, sid, name, values):
     messages = []
     for i, v in enumerate(values):
         epics.caput(name, v, wait=True, timeout=WAIT)
-        sock.sendall(header(15, data_type=dbr.DOUBLE, count=1, p1=sid, p2=1000 + i))
-        reply(sock, 15, 1000 + i, messages)
+        raw_read(sock, sid, dbr.DOUBLE, 1000 + i, messages)
     return [struct.unpack(">d", m[5][:8])[0] for m in messages if m[0] == 1]
 
 
@@ -390,8 +389,8 @@ def events_off_holds_updates_back():
         sid = raw_channel(sock, "T:channels:temperature", 1)
         sock.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, sid, 5))
         next_update(sock, 5)
-        sock.sendall(header(8) + header(15, data_type=dbr.DOUBLE, count=1, p1=sid, p2=9))  # events off
-        reply(sock, 15, 9)
+        sock.sendall(header(8))  # events off, done once the read after it is answered
+        raw_read(sock, sid, dbr.DOUBLE, 9)
         sent = updates_sent_during(sock, sid, "T:channels:temperature", (31.0, 32.0, 33.0))
         check(not sent, f"nothing sent while events are off: {sent}")
         sock.sendall(header(9))  # events on
@@ -485,15 +484,7 @@ def stalled_client():
 
 def search_flood():
     """A flood of searches is answered while the tree goes on."""
-    flood = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    search = header(0, count=13) + header(6, b"T:channels:temperature\0", data_type=5, count=13, p1=1, p2=1)
-    for _ in range(20000):
-        flood.sendto(search, ("127.0.0.1", PORT))
-    flood.settimeout(WAIT)
-    reply = flood.recv(1500)  # replies were dropped by the kernel once its buffer was full
-    flood.close()
-    _, _, data_type, _, _, _ = struct.unpack(">HHHHII", reply[16:32])
-    check(reply[:2] == b"\0\0" and data_type == PORT, "a search is answered with the server's port")
+    check(search_reply_port(times=20000) == PORT, "a search is answered with the server's port")
     check(epics.caput("T:channels:temperature", 7.0, wait=True, timeout=WAIT) == 1, "puts still go through")
     check(epics.caget("T:channels:temperature", timeout=WAIT) == 7.0, "and read back")
 
