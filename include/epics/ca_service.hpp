@@ -2,14 +2,19 @@
 // CaService: what the parts of a Channel Access server share: the process
 // variables, the access rules, the limits, and the circuits that are open.
 // Everything here runs on the server's own context thread; only the counters
-// are read from elsewhere.
+// are read from elsewhere, and the puts, which run on a few writer threads of
+// their own (a write may wait for a busy node, and must not hold the
+// server's thread meanwhile).
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 #include <unordered_set>
+
+#include <boost/asio/thread_pool.hpp>
 
 #include "core/role.hpp"
 #include "epics/access_map.hpp"
@@ -54,10 +59,16 @@ class CaService {
   // Closes every circuit (the server stops).
   void close_all();
 
+  // Runs `put` on a writer thread. The writers are joined when the service
+  // goes, a put under way ending first.
+  void hand_off(std::function<void()> put);
+
  private:
   PvDirectory directory_;
   AccessMap access_;
   CaLimits limits_;
   uint16_t port_;
   std::unordered_set<std::shared_ptr<VirtualCircuit>> circuits_;
+  // Two: a put waiting for one busy node leaves puts to the others going.
+  boost::asio::thread_pool writers_{2};
 };

@@ -31,6 +31,8 @@ struct Monitor {
   uint64_t sent_stamp = 0;
   int16_t sent_severity = -1;
   int16_t sent_status = -1;
+  // The value last reported as a value change, for the deadband.
+  double reported_value = 0;
   std::shared_ptr<Due> due = std::make_shared<Due>();
   FieldSubscription value_listener;
   FieldSubscription alarm_listener;

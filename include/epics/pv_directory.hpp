@@ -49,6 +49,9 @@ class PvDirectory {
     // From the attributes, which do not change once the tree runs.
     std::string units;
     int16_t precision = 0;
+    // A scalar number's value monitors report only changes this large or
+    // larger (the owner's "deadband" attribute); 0 reports every change.
+    double deadband = 0;
 
     uint16_t native_type() const;
     // The element count now (at least 1).

@@ -12,6 +12,13 @@
 // beyond four high-water marks, the circuit reads no more requests. A message
 // that is malformed, too large or of an unknown command closes the circuit,
 // and only this one.
+//
+// A put is checked here, then handed to a writer thread of the service: the
+// write path may wait for a busy node's context, and that wait holds neither
+// this thread nor other circuits. Until the put's answer comes back the
+// circuit handles no further request of its own (it stops reading), so its
+// requests stay in order: a get after a put sees the put's value, and puts on
+// one channel apply one after another. Monitors keep flowing meanwhile.
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -57,6 +64,12 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   void clear_channel(const ca::Header& h);
   void read_notify(const ca::Header& h);
   void write(const ca::Header& h, std::string_view payload, bool notify);
+  // The put's answer, back on the context thread; handles the requests that
+  // waited for it.
+  void finish_write(const ca::Header& h, uint32_t cid, bool notify, const WriteAnswer& answer);
+  void answer_write(const ca::Header& h, uint32_t cid, bool notify, uint32_t status, std::string_view reason);
+  // Requests are read while no put is under way and answers do not pile up.
+  bool may_read() const;
   void add_event(const ca::Header& h, std::string_view payload);
   void cancel_event(const ca::Header& h);
   void send_error(const ca::Header& request, uint32_t cid, uint32_t status, std::string_view message);
@@ -68,6 +81,9 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   void flush_monitors();
   // The monitor's update, when its mask lets this change through.
   void send_update(Monitor& monitor, bool initial);
+  // Has value_ moved from what the monitor last reported by its channel's
+  // deadband or more?
+  bool beyond_deadband(const Monitor& monitor, const PvDirectory::Entry& entry) const;
 
   // Appends the reply carrying value_ in the reply's type and count.
   void append_value(ca::Header reply, const Channel& channel);
@@ -76,7 +92,6 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   void on_write(const boost::system::error_code& ec, size_t n);
 
   Channel* channel(uint32_t sid);
-  Caller caller() const;
 
   boost::asio::ip::tcp::socket socket_;
   CaService& service_;
@@ -87,7 +102,8 @@ class VirtualCircuit : public std::enable_shared_from_this<VirtualCircuit> {
   std::optional<Role> role_;
   bool closed_ = false;
   bool events_off_ = false;
-  bool reading_paused_ = false;  // answers pile up: the client must read first
+  bool reading_paused_ = false;  // answers pile up, or a put is under way
+  bool put_pending_ = false;     // a writer thread has this circuit's put
 
   std::vector<char> chunk_;
   std::string input_;

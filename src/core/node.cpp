@@ -27,6 +27,14 @@ std::unique_ptr<FieldBase> make_attribute(std::string value) {
   return field;
 }
 
+// The smallest change of an IO's value that monitors of its value report
+// (the EPICS server's monitors); read as an extra attribute.
+class DeadbandField : public AttributeField<std::string> {
+ public:
+  static constexpr std::string_view key = "deadband";
+  explicit DeadbandField(std::string value = {}) : AttributeField<std::string>(std::string(key), std::move(value)) {}
+};
+
 using AttributeMaker = std::unique_ptr<FieldBase> (*)(std::string);
 
 struct AttributeKind {
@@ -48,6 +56,7 @@ constexpr AttributeKind kAttributeKinds[] = {
     {ReadonlyField::key, &make_attribute<ReadonlyField>, true},
     {HiddenField::key, &make_attribute<HiddenField>, true},
     {DynamicField::key, &make_attribute<DynamicField>, true},
+    {DeadbandField::key, &make_attribute<DeadbandField>, false},
 };
 
 const AttributeKind* attribute_kind(std::string_view key) {

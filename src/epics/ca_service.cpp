@@ -2,6 +2,8 @@
 
 #include <vector>
 
+#include <boost/asio/post.hpp>
+
 #include "core/log.hpp"
 #include "core/permissions.hpp"
 #include "core/write_path.hpp"
@@ -49,3 +51,5 @@ void CaService::close_all() {
   for (auto& circuit : circuits) circuit->close("");
   circuits_.clear();
 }
+
+void CaService::hand_off(std::function<void()> put) { boost::asio::post(writers_, std::move(put)); }

@@ -9,6 +9,7 @@
 #include "core/field.hpp"
 #include "core/io/interlock_io.hpp"
 #include "core/io/range_interlock_io.hpp"
+#include "core/log.hpp"
 #include "core/node.hpp"
 #include "core/x2x.hpp"
 
@@ -78,6 +79,17 @@ std::string attribute(const FieldBase& field, std::string FieldAttributes::*memb
   return {};
 }
 
+double deadband_of(const Node& owner) {
+  auto text = owner.extra_attribute("deadband");
+  if (text.empty()) return 0;
+  double deadband = 0;
+  if (!x2x::from_json(text, deadband) || !(deadband >= 0) || !std::isfinite(deadband)) {
+    ZEL_ERROR("Deadband '{}' of '{}' is not a number of zero or more; every change is reported", text, owner.path());
+    return 0;
+  }
+  return deadband;
+}
+
 dbr::AlarmSeverity severity_of(const InterlockIO& interlock) {
   if (!interlock.assigned()) return dbr::Invalid;
   switch (interlock.get()) {
@@ -138,6 +150,7 @@ PvDirectory::PvDirectory(Vertex& top, std::string prefix) {
     entry.units = attribute(field, &FieldAttributes::units, &Node::units);
     if (*kind == Kind::Number || *kind == Kind::NumberArray)
       entry.precision = precision_of(attribute(field, &FieldAttributes::format, &Node::format));
+    if (*kind == Kind::Number && owner) entry.deadband = deadband_of(*owner);
     entries_.push_back(entry);
     if (*kind == Kind::Text) {
       entry.name.push_back('$');

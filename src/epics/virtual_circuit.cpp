@@ -1,5 +1,7 @@
 #include "epics/virtual_circuit.hpp"
 
+#include <cmath>
+
 #include <boost/asio/post.hpp>
 #include <boost/asio/write.hpp>
 #include <fmt/format.h>
@@ -77,16 +79,20 @@ void VirtualCircuit::on_read(const boost::system::error_code& ec, size_t n) {
   input_.append(chunk_.data(), n);
   if (!handle_input()) return;
   // A client that asks faster than it reads waits until it has read.
-  if (output_.size() > kReadPauseFactor * service_.limits().output_high_water) {
+  if (!may_read()) {
     reading_paused_ = true;
     return;
   }
   do_read();
 }
 
+bool VirtualCircuit::may_read() const {
+  return !put_pending_ && output_.size() <= kReadPauseFactor * service_.limits().output_high_water;
+}
+
 bool VirtualCircuit::handle_input() {
   size_t at = 0;
-  while (!closed_) {
+  while (!closed_ && !put_pending_) {
     std::string_view rest(input_.data() + at, input_.size() - at);
     auto parsed = ca::parse_header(rest);
     if (!parsed) break;
@@ -136,8 +142,6 @@ Channel* VirtualCircuit::channel(uint32_t sid) {
   auto it = channels_.find(sid);
   return it == channels_.end() ? nullptr : &it->second;
 }
-
-Caller VirtualCircuit::caller() const { return {WriteSource::Epics, who_, role_.value_or(Role::Anonymous)}; }
 
 void VirtualCircuit::set_identity(const ca::Header& h, std::string_view payload) {
   std::string text(ca::payload_text(payload).substr(0, 256));
@@ -211,27 +215,43 @@ void VirtualCircuit::append_value(ca::Header reply, const Channel& ch) {
 
 void VirtualCircuit::write(const ca::Header& h, std::string_view payload, bool notify) {
   auto* ch = channel(h.parameter1);
-  uint32_t status = ca::kNormal;
-  std::string reason;
-  if (!ch) {
-    status = ca::kBadChannel;
-    reason = "no such channel";
-  } else if (auto written = dbr::decode(h.data_type, h.data_count, payload); !written) {
-    status = h.data_type > dbr::Double ? ca::kBadType : ca::kBadCount;
-    reason = "the value does not decode";
-  } else if (auto text = ch->entry->value_text(*written); !text) {
-    status = ca::kPutFail;
-    reason = "the value does not convert";
-  } else {
-    // The write path decides, logs and applies, as for every writer.
-    auto answer = WritePath::write_at(*ch->entry->field, caller(), *text);
-    status = write_status(answer);
-    reason = answer.reason;
+  if (!ch) return answer_write(h, 0, notify, ca::kBadChannel, "no such channel");
+  auto written = dbr::decode(h.data_type, h.data_count, payload);
+  if (!written)
+    return answer_write(h, ch->cid, notify, h.data_type > dbr::Double ? ca::kBadType : ca::kBadCount,
+                        "the value does not decode");
+  auto text = ch->entry->value_text(*written);
+  if (!text) return answer_write(h, ch->cid, notify, ca::kPutFail, "the value does not convert");
+  // The write path decides, logs and applies, as for every writer, on a
+  // writer thread; the answer comes back here.
+  put_pending_ = true;
+  service_.hand_off([weak = weak_from_this(), executor = socket_.get_executor(), field = ch->entry->field,
+                     who = who_, role = role_.value_or(Role::Anonymous), text = std::move(*text), h,
+                     cid = ch->cid, notify] {
+    auto answer = WritePath::write_at(*field, {WriteSource::Epics, who, role}, text);
+    net::post(executor, [weak, h, cid, notify, answer = std::move(answer)] {
+      if (auto self = weak.lock()) self->finish_write(h, cid, notify, answer);
+    });
+  });
+}
+
+void VirtualCircuit::finish_write(const ca::Header& h, uint32_t cid, bool notify, const WriteAnswer& answer) {
+  if (closed_) return;
+  put_pending_ = false;
+  answer_write(h, cid, notify, write_status(answer), answer.reason);
+  if (!handle_input()) return;
+  if (reading_paused_ && may_read()) {
+    reading_paused_ = false;
+    do_read();
   }
+}
+
+void VirtualCircuit::answer_write(const ca::Header& h, uint32_t cid, bool notify, uint32_t status,
+                                  std::string_view reason) {
   if (notify)
     ca::append_message(output_, {ca::kWriteNotify, 0, h.data_type, h.data_count, status, h.parameter2});
   else if (status != ca::kNormal)
-    send_error(h, ch ? ch->cid : 0, status, reason);
+    send_error(h, cid, status, reason);
 }
 
 void VirtualCircuit::send_error(const ca::Header& request, uint32_t cid, uint32_t status, std::string_view message) {
@@ -314,16 +334,27 @@ void VirtualCircuit::flush_monitors() {
   do_write();
 }
 
+bool VirtualCircuit::beyond_deadband(const Monitor& monitor, const PvDirectory::Entry& entry) const {
+  if (entry.deadband <= 0 || value_.numbers.empty()) return true;
+  double now = value_.numbers.front();
+  // A value that becomes or stops being a number is always a change.
+  if (!std::isfinite(now) || !std::isfinite(monitor.reported_value)) return true;
+  return std::fabs(now - monitor.reported_value) >= entry.deadband;
+}
+
 void VirtualCircuit::send_update(Monitor& monitor, bool initial) {
   auto* ch = channel(monitor.sid);
   if (!ch) return;
   ch->entry->read(value_, dbr::form_of(monitor.type) >= dbr::Gr);
-  bool value_changed = value_.stamp_ns != monitor.sent_stamp;
+  bool value_changed = value_.stamp_ns != monitor.sent_stamp && beyond_deadband(monitor, *ch->entry);
   bool alarm_changed = value_.severity != monitor.sent_severity || value_.status != monitor.sent_status;
   bool wanted = initial || (value_changed && (monitor.mask & (ca::kMaskValue | ca::kMaskLog))) ||
                 (alarm_changed && (monitor.mask & ca::kMaskAlarm));
   if (!wanted) return;
-  monitor.sent_stamp = value_.stamp_ns;
+  if (initial || value_changed) {
+    monitor.sent_stamp = value_.stamp_ns;
+    if (!value_.numbers.empty()) monitor.reported_value = value_.numbers.front();
+  }
   monitor.sent_severity = value_.severity;
   monitor.sent_status = value_.status;
   append_value({ca::kEventAdd, 0, monitor.type, monitor.count, ca::kNormal, monitor.id}, *ch);
@@ -351,7 +382,7 @@ void VirtualCircuit::on_write(const boost::system::error_code& ec, size_t) {
   }
   if (held_back) flush_monitors();
   do_write();
-  if (reading_paused_ && output_.size() <= service_.limits().output_high_water) {
+  if (reading_paused_ && !put_pending_ && output_.size() <= service_.limits().output_high_water) {
     reading_paused_ = false;
     do_read();
   }

@@ -11,6 +11,7 @@ as arguments (all when none). Exits non-zero when a group failed; every group
 prints its name.
 """
 import os
+import select
 import socket
 import struct
 import subprocess
@@ -54,15 +55,17 @@ from epics import ca, dbr  # noqa: E402
 CONFIG = f"""<?xml version="1.0"?>
 <root label="Channel Access test">
   <epics type="epics_server" port="{PORT}" address="127.0.0.1" prefix="T:"
-         beacon_addresses="127.0.0.1" beacon_port="{BEACON_PORT}" send_timeout="2"/>
+         beacon_addresses="127.0.0.1" beacon_port="{BEACON_PORT}" send_timeout="2"
+         channels_max="64"/>
   <channels type="component">
     <temperature type="analog_io" units="degC" format="%.2f" value="21.5"/>
-    <pressure type="analog_io" units="mbar" value="1000"/>
+    <pressure type="analog_io" units="mbar" value="1000" deadband="5"/>
     <pump type="digital_io" value="false"/>
     <operator type="string_io" value="nobody"/>
     <untouched type="analog_io"/>
   </channels>
-  <exerciser type="store_exerciser" store="exercise"><poll rate="5"/></exerciser>
+  <exerciser type="store_exerciser" store="exercise" permissions="operator"><poll rate="0.1"/></exerciser>
+  <slow type="slow_write" hold_seconds="2" permissions="operator"/>
   <chamber type="component">
     <vacuum type="range_interlock_io" input="channels/pressure" upper_warning="1100" upper_limit="1200"/>
   </chamber>
@@ -140,22 +143,44 @@ def raw_channel(sock, name, cid):
         check(message[0] in (0, 22), f"{name}: created (got command {message[0]})")
 
 
-def raw_read(sock, sid, data_type, ioid):
+def raw_read(sock, sid, data_type, ioid, skipped=None):
     sock.sendall(header(15, data_type=data_type, count=1, p1=sid, p2=ioid))
-    while True:
-        message = read_message(sock)
-        check(message is not None, "circuit stays open after a read")
-        if message[0] == 15 and message[4] == ioid:
-            return message[3], message[5]
+    message = reply(sock, 15, ioid, skipped)
+    return message[3], message[5]
 
 
-def raw_write_notify(sock, sid, data_type, value, ioid):
-    sock.sendall(header(19, value, data_type=data_type, count=1, p1=sid, p2=ioid))
+def raw_write_notify(sock, sid, data_type, value, ioid, count=1):
+    sock.sendall(header(19, value, data_type=data_type, count=count, p1=sid, p2=ioid))
+    return reply(sock, 19, ioid)[3]  # the status
+
+
+def reply(sock, command, ioid, skipped=None):
+    """The next message of `command` for `ioid`; the others before it go to `skipped`."""
     while True:
         message = read_message(sock)
-        check(message is not None, "circuit stays open after a write")
-        if message[0] == 19 and message[4] == ioid:
-            return message[3]  # the status
+        check(message is not None, f"circuit stays open waiting for command {command}")
+        if message[0] == command and message[4] == ioid:
+            return message
+        if skipped is not None:
+            skipped.append(message)
+
+
+def next_update(sock, subscription):
+    """The double an update of a monitor carries."""
+    return struct.unpack(">d", reply(sock, 1, subscription)[5][:8])[0]
+
+
+def search_reply_port(times=1):
+    """The port a search's answer names, after `times` searches sent at once."""
+    search = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    request = header(0, count=13) + header(6, b"T:channels:temperature\0", data_type=5, count=13, p1=1, p2=1)
+    for _ in range(times):
+        search.sendto(request, ("127.0.0.1", PORT))
+    search.settimeout(WAIT)
+    answer = search.recv(1500)  # replies beyond the kernel's buffer are dropped
+    search.close()
+    check(answer[:2] == b"\0\0", "a search answer starts with the version")
+    return struct.unpack(">HHHHII", answer[16:32])[2]
 
 
 ECA_NOWTACCESS = 376
@@ -264,6 +289,48 @@ def puts():
     finally:
         sock.close()
     check(epics.caget("T:chamber:vacuum", timeout=WAIT) == 0, "the state is unchanged")
+    values = connected("T:exerciser:values")
+    check(values.put([1.5, 2.5, 3.5], wait=True, timeout=WAIT) == 1, "a vector put")
+    got = list(values.get(use_monitor=False))
+    check(got[:3] == [1.5, 2.5, 3.5], f"the vector reads back: {got}")
+    busy_put_holds_only_its_circuit()
+    puts_apply_in_order()
+
+
+def busy_put_holds_only_its_circuit():
+    """A put waiting for a busy node stalls neither other circuits nor searches."""
+    slow, other = raw_circuit(), raw_circuit()
+    try:
+        slow_sid = raw_channel(slow, "T:slow:value", 1)
+        watch_sid = raw_channel(other, "T:slow:value", 1)
+        other_sid = raw_channel(other, "T:channels:temperature", 2)
+        other.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, watch_sid, 5))
+        check(next_update(other, 5) == 0.0, "the slow value's first update")
+        slow.sendall(header(19, struct.pack(">d", 8.0), dbr.DOUBLE, 1, slow_sid, 1))
+        # The value is set, and its node now holds its thread for two seconds.
+        check(next_update(other, 5) == 8.0, "the slow put applied")
+        status, _ = raw_read(other, other_sid, dbr.DOUBLE, 2)
+        check(status == 1, "a get on another circuit")
+        check(search_reply_port() == PORT, "a search answered")
+        check(not select.select([slow], [], [], 0)[0], "both answered while the slow put is still pending")
+        check(reply(slow, 19, 1)[3] == 1, "the slow put answered when done")
+    finally:
+        slow.close()
+        other.close()
+
+
+def puts_apply_in_order():
+    """Puts sent at once on one channel apply and answer in the order sent."""
+    sock = raw_circuit()
+    try:
+        sid = raw_channel(sock, "T:channels:pressure", 1)
+        sock.sendall(b"".join(header(19, struct.pack(">d", 1000.0 + i), dbr.DOUBLE, 1, sid, i) for i in range(20)))
+        answers = [read_message(sock) for _ in range(20)]
+        check([(m[0], m[4]) for m in answers] == [(19, i) for i in range(20)], "write-notify answers in order")
+        _, value = raw_read(sock, sid, dbr.DOUBLE, 99)
+        check(struct.unpack(">d", value[:8])[0] == 1019.0, "the last put sent is the value")
+    finally:
+        sock.close()
 
 
 def monitors():
@@ -278,12 +345,58 @@ def monitors():
     for i in range(500):
         pv.put(100.0 + i)
     wait_for(lambda: seen[-1] == 599.0, "the latest value after a burst")
+    events_off_holds_updates_back()
+    deadband_skips_small_changes()
     pv.clear_callbacks()
     count = len(seen)
     pv.disconnect()
     epics.caput("T:channels:temperature", 5.0, wait=True, timeout=WAIT)
     epics.poll(0.2, 0.3)
     check(len(seen) == count, "a cleared channel hears nothing more")
+
+
+def updates_sent_during(sock, sid, name, values):
+    """The updates a raw circuit's monitors send while `values` are put in turn.
+
+    A change's updates go out before the put is answered; a read on the raw
+    circuit after each put then comes back after them.
+    """
+    messages = []
+    for i, v in enumerate(values):
+        epics.caput(name, v, wait=True, timeout=WAIT)
+        raw_read(sock, sid, dbr.DOUBLE, 1000 + i, messages)
+    return [struct.unpack(">d", m[5][:8])[0] for m in messages if m[0] == 1]
+
+
+def deadband_skips_small_changes():
+    """A monitor over a value with a deadband reports only changes that large."""
+    epics.caput("T:channels:pressure", 1000.0, wait=True, timeout=WAIT)
+    sock = raw_circuit()
+    try:
+        sid = raw_channel(sock, "T:channels:pressure", 1)
+        sock.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, sid, 5))
+        check(next_update(sock, 5) == 1000.0, "the first update")
+        sent = updates_sent_during(sock, sid, "T:channels:pressure", (1002.0, 1004.0, 1006.0, 1007.0, 1000.0))
+        check(sent == [1006.0, 1000.0], f"only changes of the deadband or more: {sent}")
+    finally:
+        sock.close()
+
+
+def events_off_holds_updates_back():
+    """Between events off and on a monitor sends nothing; then the latest value."""
+    sock = raw_circuit()
+    try:
+        sid = raw_channel(sock, "T:channels:temperature", 1)
+        sock.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, sid, 5))
+        next_update(sock, 5)
+        sock.sendall(header(8))  # events off, done once the read after it is answered
+        raw_read(sock, sid, dbr.DOUBLE, 9)
+        sent = updates_sent_during(sock, sid, "T:channels:temperature", (31.0, 32.0, 33.0))
+        check(not sent, f"nothing sent while events are off: {sent}")
+        sock.sendall(header(9))  # events on
+        check(next_update(sock, 5) == 33.0, "the latest value once events are on")
+    finally:
+        sock.close()
 
 
 def alarms():
@@ -328,6 +441,15 @@ def robustness():
     check(read_message_until_closed(sock), "an oversized message closes its circuit")
     epics.caput("T:channels:temperature", 42.0, wait=True, timeout=WAIT)
     wait_for(lambda: watcher.get() == 42.0, "the other circuit keeps working")
+    sock = raw_circuit()
+    try:
+        sids = [raw_channel(sock, "T:channels:temperature", cid) for cid in range(64)]
+        sock.sendall(header(18, b"T:channels:temperature\0", p1=64, p2=13))
+        refusal = read_message(sock)
+        check(refusal[0] == 26 and refusal[3] == 64, f"a channel beyond channels_max is refused: {refusal}")
+        check(raw_read(sock, sids[-1], dbr.DOUBLE, 1)[0] == 1, "the circuit at its limit still reads")
+    finally:
+        sock.close()
 
 
 def beacons():
@@ -362,15 +484,7 @@ def stalled_client():
 
 def search_flood():
     """A flood of searches is answered while the tree goes on."""
-    flood = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    search = header(0, count=13) + header(6, b"T:channels:temperature\0", data_type=5, count=13, p1=1, p2=1)
-    for _ in range(20000):
-        flood.sendto(search, ("127.0.0.1", PORT))
-    flood.settimeout(WAIT)
-    reply = flood.recv(1500)  # replies were dropped by the kernel once its buffer was full
-    flood.close()
-    _, _, data_type, _, _, _ = struct.unpack(">HHHHII", reply[16:32])
-    check(reply[:2] == b"\0\0" and data_type == PORT, "a search is answered with the server's port")
+    check(search_reply_port(times=20000) == PORT, "a search is answered with the server's port")
     check(epics.caput("T:channels:temperature", 7.0, wait=True, timeout=WAIT) == 1, "puts still go through")
     check(epics.caget("T:channels:temperature", timeout=WAIT) == 7.0, "and read back")
 
