@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include "std/source_name.hpp"
+
 enum class LogLevel : int {
   Event = 0,    // operator-relevant events (permit revoked, ...): always shown
   Error = 1,    // text begins with "Error: "
@@ -27,16 +29,6 @@ struct LogRecord {
   uint64_t stamp;           // wall-clock nanoseconds since the epoch
 };
 
-// "src/core/node.cpp" -> "src/core/node"; evaluated at compile time. The build
-// maps the source directory away; a build inside the tree hands relative
-// paths ("../src/core/node.cpp"), whose leading "../" go too.
-consteval std::string_view source_name(std::string_view file) {
-  while (file.starts_with("../") || file.starts_with("./")) file.remove_prefix(file.front() == '.' && file[1] == '/' ? 2 : 3);
-  auto dot = file.rfind('.');
-  auto slash = file.rfind('/');
-  if (dot == std::string_view::npos || (slash != std::string_view::npos && dot < slash)) return file;
-  return file.substr(0, dot);
-}
 
 class Log {
  public:

@@ -11,6 +11,7 @@
 
 #include "core/clock.hpp"
 #include "core/log_throttle.hpp"
+#include "std/report.hpp"
 #include "std/utc_calendar.hpp"
 
 namespace {
@@ -86,6 +87,18 @@ void deliver(LogState& s, LogRecord& record) {
   for (auto& [id, sink] : s.sinks) sink(record);
   in_sink = false;
 }
+
+// The operating-system layer's lines join the log like any other.
+void write_report(ReportLevel level, std::string_view source, int line, std::string text) {
+  switch (level) {
+    case ReportLevel::Error: Log::write(LogLevel::Error, source, line, "Error: " + text); return;
+    case ReportLevel::Warning: Log::write(LogLevel::Warning, source, line, std::move(text)); return;
+    case ReportLevel::Info: Log::write(LogLevel::Info, source, line, std::move(text)); return;
+    case ReportLevel::Debug: Log::write(LogLevel::Debug, source, line, std::move(text)); return;
+  }
+}
+
+[[maybe_unused]] const bool reports_logged = (set_report_sink(write_report), true);
 
 }  // namespace
 

@@ -21,7 +21,7 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
 
-#include "core/log.hpp"
+#include "std/report.hpp"
 
 namespace {
 
@@ -69,11 +69,11 @@ void route_libfuse_message(enum fuse_log_level level, const char* format, va_lis
     if (!collected_messages->empty()) collected_messages->append("; ");
     collected_messages->append(line);
   } else if (level <= FUSE_LOG_ERR) {
-    ZEL_ERROR("{}", line);
+    ZEL_REPORT(Error, "{}", line);
   } else if (level <= FUSE_LOG_NOTICE) {
-    ZEL_WARN("{}", line);
+    ZEL_REPORT(Warning, "{}", line);
   } else {
-    ZEL_DEBUG("{}", line);
+    ZEL_REPORT(Debug, "{}", line);
   }
 }
 
@@ -93,7 +93,7 @@ class MessageCollector {
 void detach_stale_mount(const std::string& dir) {
   struct statfs st {};
   if (statfs(dir.c_str(), &st) == 0 || errno != ENOTCONN) return;
-  if (umount2(dir.c_str(), MNT_DETACH) == 0) ZEL_INFO("Detached a stale mount at {}", dir);
+  if (umount2(dir.c_str(), MNT_DETACH) == 0) ZEL_REPORT(Info, "Detached a stale mount at {}", dir);
 }
 
 bool shows_underlying(const std::string& dir, dev_t underlying) {
@@ -363,13 +363,13 @@ void FuseMount::on_readable() {
     if (result < 0) {
       // The device failed: the loop ends here.
       s.serving = false;
-      ZEL_ERROR("Block error: {}", std::strerror(-result));
+      ZEL_REPORT(Error, "Block error: {}", std::strerror(-result));
       return;
     }
     if (result == 0 || fuse_session_exited(s.se)) {
       // Unmounted from outside.
       s.serving = false;
-      ZEL_INFO("File system at {} no longer mounted", dir_);
+      ZEL_REPORT(Info, "File system at {} no longer mounted", dir_);
       return;
     }
     fuse_session_process_buf(s.se, &s.buffer);
