@@ -127,6 +127,9 @@ int Application::start(int argc, char** argv) {
     ZEL_INFO("PID:{}", ::getpid());
     Clock::reset_reference();
     root_->initialize();
+    // The watch is up before "Initialized": whoever waits for that line may
+    // replace the program file at once.
+    if (!root_->start_failed()) watch_program_file();
     ZEL_INFO("Initialized");
     initialized_ = true;
     if (root_->start_failed()) {
@@ -134,7 +137,6 @@ int Application::start(int argc, char** argv) {
       shutdown();
       return 1;
     }
-    watch_program_file();
     heartbeat_.attach();
   } catch (const std::exception& e) {
     std::cerr << e.what() << std::endl;
