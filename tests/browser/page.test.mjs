@@ -290,6 +290,7 @@ test("interlocks show their state in words, a pending trip counts down, a revoke
   await put("chamber/pressure", "50");
   await shows(state, "TRIP PENDING");
   await shows(state.locator(".state-note"), "trips in");
+  await shows(page.locator(".interlock-pending-note"), "Trip pending: Vacuum");
   await screenshot("interlock-pending");
   await shows(state, "TRIPPED");
   assert.match(await state.locator(".state-since").textContent(), /^since \d/);

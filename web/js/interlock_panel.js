@@ -92,6 +92,7 @@ export class InterlockPanel {
 
   showManager(manager) {
     this.summary = null;
+    this.pendingNote = null;
     if (!manager) {
       this.manager.replaceChildren();
       return;
@@ -108,7 +109,10 @@ export class InterlockPanel {
     if (message) {
       const text = h("span", { class: "interlock-message", dataset: { path: message.value.path } }, message.value.value ?? "");
       this.stops.push(this.live.watch(message.value.path, (v) => (text.textContent = v ?? "")));
-      parts.push(text);
+      // The manager counts a pending trip as OK until it trips; the page
+      // never lets its message stand alone while a condition is in error.
+      this.pendingNote = h("span", { class: "interlock-pending-note" }, "");
+      parts.push(text, this.pendingNote);
     }
     const enableAll = child("enable_all");
     if (enableAll) {
@@ -148,6 +152,10 @@ export class InterlockPanel {
     const states = this.entries.filter((e) => !isPermitType(e.item.type)).map((e) => e.state ?? this.stateOf(e));
     if (this.summary !== null) states.push(summaryState(this.summary));
     const shown = worst(states);
+    if (this.pendingNote) {
+      const pending = this.entries.filter((e) => e.pending).map((e) => e.item.label);
+      this.pendingNote.textContent = pending.length ? ` Trip pending: ${pending.join(", ")}.` : "";
+    }
     this.pill.dataset.color = shown.color;
     this.pill.textContent = `Interlocks: ${shown.word}`;
   }
