@@ -21,7 +21,6 @@
 // made, for at most kPassBudgetSeconds; those it did not reach come first in
 // the next pass.
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -87,9 +86,14 @@ class ClientProtocol {
   size_t max_subscriptions_;
   CallerOf caller_;
   std::unordered_map<std::string, Handler> handlers_;
-  // By number, which grows with each subscription: map order is the order
-  // they were made.
-  std::map<uint64_t, std::unique_ptr<Subscription>> subscriptions_;
+  // Sorted by number, which grows with each subscription, so the order they
+  // were made. A flat array, not a tree: a pass looks up every queued
+  // number, and walking a tree's scattered nodes cost most of the pass.
+  struct Numbered {
+    uint64_t id;
+    std::unique_ptr<Subscription> subscription;
+  };
+  std::vector<Numbered> subscriptions_;
   std::unordered_map<const FieldBase*, Subscription*> by_field_;
   uint64_t next_id_ = 1;
   std::vector<uint64_t> queued_;  // taken from the trigger, not yet visited

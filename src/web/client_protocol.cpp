@@ -108,7 +108,7 @@ void ClientProtocol::subscribe(std::string_view data) {
     auto id = next_id_++;
     auto subscription = std::make_unique<Subscription>(id, field, kind, trigger_);
     by_field_.emplace(&field, subscription.get());
-    subscriptions_.emplace(id, std::move(subscription));
+    subscriptions_.push_back({id, std::move(subscription)});
   });
 }
 
@@ -138,8 +138,11 @@ void ClientProtocol::unsubscribe(std::string_view data) {
       problem("WebSocket client tried to unsubscribe from unknown field '{}'", field.path());
       return;
     }
-    subscriptions_.erase(known->second->id());
+    auto id = known->second->id();
     by_field_.erase(known);
+    auto at = std::lower_bound(subscriptions_.begin(), subscriptions_.end(), id,
+                               [](const Numbered& n, uint64_t wanted) { return n.id < wanted; });
+    subscriptions_.erase(at);
   });
 }
 
@@ -159,15 +162,18 @@ ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
   queued_.erase(std::unique(queued_.begin(), queued_.end()), queued_.end());
   auto start = Clock::steady_ns();
   size_t visited = 0;
-  nlohmann::ordered_json lost = nlohmann::ordered_json::object();  // history subscriptions that dropped samples
+  nlohmann::ordered_json lost;  // history subscriptions that dropped samples
+  // Both sorted by number: each lookup starts where the last one ended.
+  auto from = subscriptions_.begin();
   for (; visited < queued_.size(); ++visited) {
     if (Clock::seconds_since(start) >= kPassBudgetSeconds) {
       result.complete = false;
       break;
     }
-    auto found = subscriptions_.find(queued_[visited]);
-    if (found == subscriptions_.end()) continue;  // unsubscribed meanwhile
-    auto& subscription = *found->second;
+    auto id = queued_[visited];
+    from = std::lower_bound(from, subscriptions_.end(), id, [](const Numbered& n, uint64_t wanted) { return n.id < wanted; });
+    if (from == subscriptions_.end() || from->id != id) continue;  // unsubscribed meanwhile
+    auto& subscription = *from->subscription;
     if (!subscription.due()) continue;
     if (result.wrote) out.push_back(',');
     result.wrote = true;
@@ -177,7 +183,7 @@ ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
   queued_.erase(queued_.begin(), queued_.begin() + static_cast<std::ptrdiff_t>(visited));
   out.append("}}");
   // Told right after the update whose samples follow the gap.
-  if (!lost.empty()) {
+  if (lost.is_object()) {
     nlohmann::ordered_json notice{{"event", "history_dropped"}, {"data", std::move(lost)}};
     replies_.push_back(notice.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace));
     result.complete = false;
