@@ -26,7 +26,7 @@ class Root;
 struct WebLimits {
   // The shortest time between two pushes to a session; at 0 a session pushes
   // as soon as its previous write is done (idle.md, "Push cadence").
-  static constexpr std::chrono::microseconds kDefaultPushSpacing{2000};
+  static constexpr std::chrono::microseconds kDefaultPushSpacing{1000};
 
   size_t http_body_max = 1u << 20;        // a request body above this gets 413
   size_t http_header_max = 16u << 10;     // request line and headers above this get 431
