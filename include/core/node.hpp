@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "core/attribute_fields.hpp"
 #include "core/button_field.hpp"
@@ -87,8 +88,15 @@ class Node : public Vertex {
   // as a configuration error, and `fallback` (when given) replaces it.
   // Returns false when the configured value was refused. `config` is the
   // element the value came from (its path names it in the log).
-  bool restrict_setting(const VTree& config, ValueField<double>& field, FieldRange range,
-                        std::optional<double> fallback);
+  template <class T>
+  bool restrict_setting(const VTree& config, ValueField<T>& field, FieldRange range,
+                        std::type_identity_t<std::optional<T>> fallback) {
+    field.set_range(range);
+    if (!field.assigned() || range.contains(static_cast<double>(field.get()))) return true;
+    report_refused_setting(config, field, range);
+    if (fallback) field.set(*fallback);
+    return false;
+  }
 
   // A child node made from the named child subtree of `config` (defaults when
   // the subtree is absent, and for each of its settings that does not
@@ -106,6 +114,10 @@ class Node : public Vertex {
   }
 
  private:
+  // Logs a configured value outside its setting's range and counts it as a
+  // configuration error.
+  static void report_refused_setting(const VTree& config, const FieldBase& field, FieldRange range);
+
   std::string text_attribute(std::string_view key) const;
   bool bool_attribute(std::string_view key) const;
   void read_attributes(const VTree& config);

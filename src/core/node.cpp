@@ -143,15 +143,10 @@ void Node::describe(std::string label, std::string detail, std::string icon) {
   set_default(IconField::key, std::move(icon));
 }
 
-bool Node::restrict_setting(const VTree& config, ValueField<double>& field, FieldRange range,
-                            std::optional<double> fallback) {
-  field.set_range(range);
-  if (!field.assigned() || range.contains(field.get())) return true;
+void Node::report_refused_setting(const VTree& config, const FieldBase& field, FieldRange range) {
   ZEL_ERROR("Setting '{}' of '{}' refused: {} is out of range: takes {}", field.name(), config.path(), field.json(),
             range.describe());
   Root::count_configuration_error();
-  if (fallback) field.set(*fallback);
-  return false;
 }
 
 FieldBase* Node::field(std::string_view name) const {

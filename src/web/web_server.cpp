@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <limits>
 #include <thread>
 
 #include <boost/asio/ip/address.hpp>
@@ -35,6 +36,13 @@ namespace {
 
 // Milliseconds; 0 paces pushes by the socket alone.
 constexpr FieldRange kPushSpacingRange{0.0, 1000.0};
+constexpr FieldRange kThreadsRange{1.0, 64.0};
+// Seconds a login session lasts unused (up to a year).
+constexpr int kDefaultSessionTimeout = 1800;
+constexpr FieldRange kSessionTimeoutRange{1.0, 365.0 * 24 * 3600};
+// Byte sizes and counts of WebLimits.
+constexpr FieldRange kLimitRange{1.0, static_cast<double>(std::numeric_limits<int>::max())};
+const WebLimits kDefaultLimits;
 constexpr auto kFreeMemoryCheck = std::chrono::seconds(2);
 
 int default_threads() {
@@ -74,11 +82,13 @@ WebServer::WebServer(const VTree& config)
                                                               &tls_certificate_, &tls_key_})
     setting->set_readonly(true);
   push_spacing_.attributes_for_update().units = "ms";
-  if (!session_timeout_.assigned()) session_timeout_.set(1800);
+  if (!session_timeout_.assigned()) session_timeout_.set(kDefaultSessionTimeout);
+  restrict_setting(config, session_timeout_, kSessionTimeoutRange, kDefaultSessionTimeout);
   if (!address_.assigned()) address_.set("0.0.0.0");
   if (!tls_certificate_.assigned()) tls_certificate_.set("tls.crt");
   if (!tls_key_.assigned()) tls_key_.set("tls.key");
   if (!threads_.assigned()) threads_.set(default_threads());
+  restrict_setting(config, threads_, kThreadsRange, default_threads());
   double default_spacing_ms = std::chrono::duration<double, std::milli>(WebLimits::kDefaultPushSpacing).count();
   if (!push_spacing_.assigned()) push_spacing_.set(default_spacing_ms);
   restrict_setting(config, push_spacing_, kPushSpacingRange, default_spacing_ms);
@@ -95,6 +105,9 @@ WebServer::WebServer(const VTree& config)
                               {"connections_per_address_max", &WebLimits::connections_per_address_max}}) {
     auto& field = add_setting<ValueField<int>>(config, name);
     field.set_readonly(true);
+    auto fallback = static_cast<int>(kDefaultLimits.*member);
+    if (!field.assigned()) field.set(fallback);
+    restrict_setting(config, field, kLimitRange, fallback);
     limit_settings_.push_back({member, &field});
   }
 }
@@ -104,12 +117,7 @@ WebLimits WebServer::limits() {
   limits.push_spacing = std::chrono::duration_cast<std::chrono::microseconds>(
       std::chrono::duration<double, std::milli>(push_spacing_.get()));
   limits.websocket_compression = websocket_compression_.get();
-  for (auto& setting : limit_settings_) {
-    if (setting.field->assigned() && setting.field->get() > 0)
-      limits.*setting.member = static_cast<size_t>(setting.field->get());
-    else
-      setting.field->set(static_cast<int>(limits.*setting.member));
-  }
+  for (auto& setting : limit_settings_) limits.*setting.member = static_cast<size_t>(setting.field->get());
   return limits;
 }
 
@@ -142,7 +150,7 @@ void WebServer::start() {
   access->users().load(&first_password);
   running->shared = std::make_shared<WebShared>(*root(), Paths::web_dir(), limits(),
                                                 WebShared::Counters{&http_sessions_, &websocket_sessions_}, access);
-  int threads = std::clamp(threads_.get(), 1, 64);
+  int threads = threads_.get();
   std::vector<net::io_context*> ios;
   for (int i = 0; i < threads; ++i) {
     running->contexts.push_back(std::make_unique<Context>(fmt::format("{}/{}", name(), i)));
@@ -202,7 +210,7 @@ std::shared_ptr<WebAccess> WebServer::make_access() const {
   settings.anonymous_write = anonymous_write_.get();
   settings.allowed_hosts = OriginPolicy::list(allowed_hosts_.get());
   settings.allowed_origins = OriginPolicy::list(allowed_origins_.get());
-  settings.session_idle = std::chrono::seconds(std::max(1, session_timeout_.get()));
+  settings.session_idle = std::chrono::seconds(session_timeout_.get());
   settings.tls = tls_port_.assigned();
   return std::make_shared<WebAccess>(Paths::config_dir() + "users", std::move(settings));
 }
