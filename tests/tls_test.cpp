@@ -104,6 +104,20 @@ TEST_F(WebServerTls, ServesHttpsAndWssWithThePairTheProgramMadeAndKeepsPlainHttp
   auto page = client.request(tls_port, http::verb::get, "/io/x/value");
   EXPECT_EQ(page.result_int(), 200u);
   EXPECT_EQ(page.body(), "1");
+  {  // A connection the client asks to close ends with TLS's close_notify, not a cut.
+    auto stream = client.connect(tls_port);
+    http::request<http::string_body> req{http::verb::get, "/io/x/value", 11};
+    req.set(http::field::host, fmt::format("localhost:{}", tls_port));
+    req.set(http::field::connection, "close");
+    http::write(*stream, req);
+    beast::flat_buffer buffer;
+    http::response<http::string_body> res;
+    http::read(*stream, buffer, res);
+    std::array<char, 16> more{};
+    beast::error_code ec;
+    stream->read_some(net::buffer(more), ec);
+    EXPECT_EQ(ec, net::error::eof) << ec.message();
+  }
   auto login = client.request(tls_port, http::verb::post, "/api/login", R"({"user":"olga","password":"right horse"})");
   ASSERT_EQ(login.result_int(), 200u) << login.body();
   std::string set_cookie(login[http::field::set_cookie]);

@@ -51,6 +51,7 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   void do_write();
   void on_write(boost::beast::error_code ec, size_t bytes);
   void do_close();
+  void close_socket();
 
   std::unique_ptr<HttpChannel> channel_;
   boost::beast::flat_buffer buffer_;
@@ -60,6 +61,7 @@ class HTTPSession : public std::enable_shared_from_this<HTTPSession> {
   ConnectionGate::Slot slot_;
   std::string address_;
   bool closing_ = false;  // no more reads: the last reply closes the connection
+  bool ending_ = false;   // the connection is being closed
   bool reading_ = false;  // a request is being read
   bool upgrade_waiting_ = false;  // an upgrade waits for the replies before it
   std::string client_;            // the peer's address and port

@@ -74,6 +74,10 @@ class HttpChannel {
   virtual void async_write(Response& response, Completion done) = 0;
   virtual void expires_after(std::chrono::steady_clock::duration time) = 0;
   virtual void expires_never() = 0;
+  // Ends the connection's own protocol before its socket closes: over TLS a
+  // close_notify, so the client can tell the end from a cut (waited for at
+  // most a couple of seconds); for plain TCP nothing. Calls `done` either way.
+  virtual void async_finish(std::function<void()> done) = 0;
   // Hands the connection over for the WebSocket protocol; this channel is
   // of no further use.
   virtual std::unique_ptr<WebsocketChannel> to_websocket() = 0;

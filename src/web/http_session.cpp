@@ -192,6 +192,13 @@ void HTTPSession::on_write(beast::error_code ec, size_t) {
 }
 
 void HTTPSession::do_close() {
+  // A read or write still out may fail once the end has begun: one end.
+  if (ending_) return;
+  ending_ = true;
+  channel_->async_finish([self = shared_from_this()] { self->close_socket(); });
+}
+
+void HTTPSession::close_socket() {
   beast::error_code ec;
   channel_->socket().shutdown(net::ip::tcp::socket::shutdown_send, ec);
   channel_->socket().close(ec);

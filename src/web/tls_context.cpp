@@ -32,11 +32,22 @@ class TlsHttpChannel final : public HttpChannelOver<TlsStream> {
   bool secure() const override { return true; }
   void async_start(Completion done) override {
     stream_.async_handshake(ssl::stream_base::server,
-                            [done = std::move(done)](boost::beast::error_code ec) { done(ec, 0); });
+                            [this, done = std::move(done)](boost::beast::error_code ec) {
+                              shaken_hands_ = !ec;
+                              done(ec, 0);
+                            });
+  }
+  void async_finish(std::function<void()> done) override {
+    if (!shaken_hands_) return done();
+    boost::beast::get_lowest_layer(stream_).expires_after(kCloseNotifyWait);
+    stream_.async_shutdown([done = std::move(done)](boost::beast::error_code) { done(); });
   }
 
  private:
+  // How long a closing connection waits for the client's close_notify.
+  static constexpr auto kCloseNotifyWait = std::chrono::seconds(2);
   std::shared_ptr<TlsContext> owner_;  // the context outlives its handshakes
+  bool shaken_hands_ = false;
 };
 
 }  // namespace

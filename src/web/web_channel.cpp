@@ -13,6 +13,7 @@ class PlainHttpChannel final : public HttpChannelOver<WebTcpStream> {
   void async_start(Completion done) override {
     boost::asio::dispatch(stream_.get_executor(), [done = std::move(done)] { done({}, 0); });
   }
+  void async_finish(std::function<void()> done) override { done(); }
 };
 
 }  // namespace
