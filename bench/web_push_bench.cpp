@@ -299,6 +299,11 @@ void BM_LoopbackSendFloor(benchmark::State& state) {
   state.counters["cpu_us_per_send"] = cpu * 1e6 / static_cast<double>(std::max<int64_t>(1, sends));
 }
 // 100 clients, one send each every millisecond, as a push of one sample: 3 s.
-BENCHMARK(BM_LoopbackSendFloor)->ArgName("clients")->Arg(100)->Iterations(3000)->UseRealTime()->Unit(benchmark::kMillisecond);
+BENCHMARK(BM_LoopbackSendFloor)
+    ->ArgName("clients")
+    ->Arg(100)
+    ->Iterations(3000)
+    ->UseRealTime()
+    ->Unit(benchmark::kMillisecond);
 
 }  // namespace

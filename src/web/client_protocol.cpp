@@ -18,6 +18,9 @@ std::string shown(std::string_view text) {
   return std::string(text.substr(0, kShown)) + "...";
 }
 
+// Orders the numbered subscriptions against a number sought.
+constexpr auto kNumberBelow = [](const auto& numbered, uint64_t wanted) { return numbered.id < wanted; };
+
 FieldBase* field_at(Vertex& tree, const std::string& path) {
   Vertex* v = tree.find(path);
   return v && v->is_field() ? static_cast<FieldBase*>(v) : nullptr;
@@ -140,8 +143,7 @@ void ClientProtocol::unsubscribe(std::string_view data) {
     }
     auto id = known->second->id();
     by_field_.erase(known);
-    auto at = std::lower_bound(subscriptions_.begin(), subscriptions_.end(), id,
-                               [](const Numbered& n, uint64_t wanted) { return n.id < wanted; });
+    auto at = std::lower_bound(subscriptions_.begin(), subscriptions_.end(), id, kNumberBelow);
     subscriptions_.erase(at);
   });
 }
@@ -171,7 +173,7 @@ ClientProtocol::PassResult ClientProtocol::write_push(std::string& out) {
       break;
     }
     auto id = queued_[visited];
-    from = std::lower_bound(from, subscriptions_.end(), id, [](const Numbered& n, uint64_t wanted) { return n.id < wanted; });
+    from = std::lower_bound(from, subscriptions_.end(), id, kNumberBelow);
     if (from == subscriptions_.end() || from->id != id) continue;  // unsubscribed meanwhile
     auto& subscription = *from->subscription;
     if (!subscription.due()) continue;
