@@ -2,7 +2,6 @@
 // sessions and tokens, logins and their limit, the same-origin rule, and one
 // table over every web write path, caller and kind of field.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -14,27 +13,20 @@
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/atomic_file.hpp"
+#include "router_rig.hpp"
 #include "tree_access.hpp"
 #include "web/client_protocol.hpp"
-#include "web/document_root.hpp"
-#include "web/http_router.hpp"
-#include "web/web_access.hpp"
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
 namespace {
 
-fs::path temp_dir() {
-  std::string pattern = (fs::temp_directory_path() / "zel-access-XXXXXX").string();
-  return mkdtemp(pattern.data());
-}
-
 // A signal generator stands in for an admin's button: its restart is
 // harmless here, and the one of the administration node is not.
 constexpr const char* kRig = R"(<root>
   <rig type="component" label="Rig">
-    <t type="analog_io" value="1"/>
+    <t type="analog_io" value="1" units="degC"/>
     <ro type="analog_io" readonly="true" value="1"/>
     <lock type="range_interlock_io" input="rig/t" upper_limit="10"/>
   </rig>
@@ -43,22 +35,8 @@ constexpr const char* kRig = R"(<root>
   <gen type="signal_generator" enabled="false" permissions="admin"/>
 </root>)";
 
-struct Rig {
-  Rig(WebAccessSettings settings = {})
-      : dir(temp_dir()),
-        root(FormatXML::instance().build(kRig)),
-        documents(dir.string()),
-        access((dir / "config/users").string(), std::move(settings)),
-        router(*root, documents, access) {}
-  ~Rig() {
-    std::error_code ec;
-    fs::remove_all(dir, ec);
-  }
-  fs::path dir;
-  std::unique_ptr<Root> root;
-  DocumentRoot documents;
-  WebAccess access;
-  HttpRouter router;
+struct Rig : RouterRig {
+  Rig(WebAccessSettings settings = {}) : RouterRig(FormatXML::instance().build(kRig), std::move(settings)) {}
 };
 
 }  // namespace
@@ -135,6 +113,7 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
   const std::vector<FieldKind> fields{
       {"ordinary", "rig/t/value", "5", Role::Operator},
       {"read-only", "rig/ro/value", "5", Role::Anonymous},
+      {"attribute", "rig/t/units", "\"K\"", Role::Anonymous},
       {"state value", "rig/lock/value", "0", Role::Anonymous},
       {"admin button", "gen/restart_button", "true", Role::Admin},
   };
@@ -169,7 +148,7 @@ TEST(WebAccessTable, EveryWritePathAsksTheSameQuestionsOfEveryCaller) {
             unsigned refused = foreign ? 403 : field.needed == Role::Anonymous ? 403 : role_of(caller) == Role::Anonymous ? 401 : 403;
             EXPECT_EQ(reply.status, allowed ? 200u : refused) << reply.error;
           }
-        } else if (!foreign && !redirected) {  // neither gets a WebSocket (WebServerAccess, WebServerTls)
+        } else if (!foreign && !redirected) {  // neither gets a WebSocket (WebServerTest, WebServerTls)
           ClientProtocol protocol(*rig.root, std::make_shared<PushTrigger>(), 10,
                                   [&] { return access.caller_of(caller.cookie, caller.authorization, caller.client); });
           protocol.handle_message(fmt::format(R"({{"event":"set","data":{{"{}":{}}}}})", field.path, field.text));

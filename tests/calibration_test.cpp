@@ -9,7 +9,6 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <thread>
 
 #include <fmt/ranges.h>
 #include <nlohmann/json.hpp>
@@ -21,7 +20,9 @@
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
+#include "temp_dir.hpp"
 #include "tree_access.hpp"
+#include "wait_until.hpp"
 
 namespace {
 
@@ -46,24 +47,6 @@ void set_points(Model& model, const std::vector<double>& x, F f) {
     model.point(i).expected().set(f(x[i]));
   }
 }
-
-template <class Pred>
-bool wait_until(Pred done) {
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done() && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  return done();
-}
-
-struct TempDir {
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zel-calibration-XXXXXX").string();
-    if (!mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path = pattern;
-  }
-  ~TempDir() { std::filesystem::remove_all(path); }
-  std::filesystem::path path;
-};
 
 }  // namespace
 
@@ -279,7 +262,7 @@ TEST(CalibrationPoly, CopyFitAsksFirstAndRefusesMissingOrNonFiniteResults) {
 
 TEST(CalibrationStore, CopiedFitSurvivesARestartThroughTheCalibrationStore) {
   TempDir dir;
-  Paths::set_data_root(dir.path.string());
+  Paths::set_data_root(dir.path().string());
   std::filesystem::create_directories(Paths::config_dir());
   const std::string xml = R"(<root><adc type="analog_io"/><cal type="calibration_poly" channel="adc" order="quad"/></root>)";
   std::vector<double> copied;

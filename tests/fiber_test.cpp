@@ -19,10 +19,8 @@
 #include "log_capture.hpp"
 #include "pru/device_memory.hpp"
 #include "sim/fiber/fiber_simulation.hpp"
-#include "std/paths.hpp"
 #include "tree_access.hpp"
 #include "wait_until.hpp"
-#include "zel_process.hpp"
 
 namespace {
 
@@ -170,7 +168,6 @@ TEST(FiberReceive, FramesAreRebuiltAndNoiseBrokenFramesAndUartErrorsAreCounted) 
 class FiberLoopOverModel : public ::testing::Test {
  protected:
   void SetUp() override {
-    Paths::set_data_root(dir_.path().string());
     root_ = FormatXML::instance().build(R"(<root>
       <pru_simulation type="pru_simulation" device="pru/s.mem" rate="50"/>
       <modules type="fiber_simulation" modules="1 2 3" foreign="3"/>
@@ -191,7 +188,6 @@ class FiberLoopOverModel : public ::testing::Test {
   LoopModel& model() { return at<FiberSimulation>(*root_, "modules").model(); }
   PermitCommandIO& permit() { return at<PermitCommandIO>(*root_, "permit"); }
 
-  TempDir dir_;
   std::unique_ptr<Root> root_;
 };
 

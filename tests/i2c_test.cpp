@@ -66,12 +66,6 @@ struct Board {
   }
 };
 
-bool logged(const LogCapture& log, const std::string& text) {
-  for (auto& t : log.texts())
-    if (t == text) return true;
-  return false;
-}
-
 // ---- The bus layer -------------------------------------------------------
 
 TEST(I2CBus, MessagesUpTo64BytesPassAndLongerOnesFailBeforeAnyTransfer) {
@@ -87,10 +81,10 @@ TEST(I2CBus, MessagesUpTo64BytesPassAndLongerOnesFailBeforeAnyTransfer) {
   EXPECT_FALSE(board.bus.receive(60, buffer, 65, true));
   EXPECT_EQ(board.sim.transactions(), before + 2);
   EXPECT_EQ(log.entries().size(), 2u);
-  EXPECT_TRUE(logged(log, "Error: I2C messages can not be greater than 64"));
+  EXPECT_TRUE(log.has_line("Error: I2C messages can not be greater than 64"));
   EXPECT_FALSE(board.bus.send(60, nullptr, 4, true));
   EXPECT_FALSE(board.bus.receive(60, nullptr, 4, true));
-  EXPECT_TRUE(logged(log, "Error: Null pointer passed as I2C buffer"));
+  EXPECT_TRUE(log.has_line("Error: Null pointer passed as I2C buffer"));
   EXPECT_EQ(board.sim.transactions(), before + 2);
   EXPECT_EQ(log.entries().front().source, "src/devices/i2c_bus");
 }
@@ -277,7 +271,7 @@ TEST(EEPROM, OneCorruptedCopyIsRepairedOnceAndNothingGoodLeftCannotBeRecovered) 
 
   for (int copy = 0; copy < EEPROM::kCopies; ++copy) chip.poke(address + copy * EEPROM::kBank + 3, 0xEE);
   EXPECT_FALSE(eeprom.redundantReadRepair(address, back));
-  EXPECT_TRUE(logged(log, "Error: Unable to recover data"));
+  EXPECT_TRUE(log.has_line("Error: Unable to recover data"));
   EXPECT_EQ(eeprom.repairs().get(), 1u);
 }
 
@@ -381,7 +375,7 @@ TEST(Displays, OLED64RefusesAnImageOfTheWrongSizeAndDrawsText) {
   EXPECT_FALSE(graphic.draw({63, 64, std::vector<uint8_t>(63 * 64, 1)}));
   EXPECT_FALSE(graphic.draw({64, 64, std::vector<uint8_t>(10, 1)}));
   EXPECT_EQ(board.sim.transactions(), before);
-  EXPECT_TRUE(logged(log, "Error: Image size must be 64x64 pixels"));
+  EXPECT_TRUE(log.has_line("Error: Image size must be 64x64 pixels"));
   OLED64::Image image{64, 64, std::vector<uint8_t>(64 * 64, 0)};
   image.pixels[5 * 64 + 9] = 1;
   image.pixels[63 * 64 + 63] = 1;

@@ -1,6 +1,5 @@
 // Interlocks, permits, permit commands and the interlock manager.
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <chrono>
 #include <cmath>
@@ -10,7 +9,6 @@
 #include <limits>
 #include <optional>
 #include <random>
-#include <sstream>
 #include <thread>
 
 #include "core/context.hpp"
@@ -25,7 +23,9 @@
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
+#include "temp_dir.hpp"
 #include "tree_access.hpp"
+#include "wait_until.hpp"
 
 namespace {
 
@@ -365,27 +365,6 @@ TEST(InterlockChain, FollowsTheAlgorithmOverRandomSequences) {
 
 namespace {
 
-// A temporary data root for a test, removed afterwards.
-class DataRoot {
- public:
-  DataRoot() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zel-interlock-XXXXXX").string();
-    dir_ = ::mkdtemp(pattern.data());
-    previous_ = Paths::data_root();
-    Paths::set_data_root(dir_);
-    Paths::set_io_mount("none");
-  }
-  ~DataRoot() {
-    Paths::set_data_root(previous_);
-    std::filesystem::remove_all(dir_);
-  }
-  const std::string& dir() const { return dir_; }
-
- private:
-  std::string dir_;
-  std::string previous_;
-};
-
 std::unique_ptr<Root> build(const std::string& xml) {
   auto root = FormatXML::instance().build(xml);
   if (!root) ADD_FAILURE() << "no root from " << xml;
@@ -402,30 +381,12 @@ void on_context(Node& node, std::function<void()> job) {
   done.get_future().wait();
 }
 
-template <class Predicate>
-bool eventually(Predicate predicate, std::chrono::milliseconds limit = std::chrono::seconds(5)) {
-  auto deadline = std::chrono::steady_clock::now() + limit;
-  while (!predicate()) {
-    if (std::chrono::steady_clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-  }
-  return true;
-}
-
-std::string read_file(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 }  // namespace
 
 // The delay is measured on the steady clock, and an error that outlasts it
 // trips with no further input, on the interlock's own context, by the timer
 // its pending error armed: the manager's poll is slowed to once in 1000 s.
 TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
-  DataRoot data;
   auto root = build(R"(<root>
       <rig type="ctx_comp">
         <x type="analog_io" value="0"/>
@@ -436,7 +397,7 @@ TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
   auto& lock = at<RangeInterlockIO>(*root, "rig/lock");
   auto& manager = at<InterlockManager>(*root, "interlocks");
   ASSERT_TRUE(WritePath::write(*root, {{WriteSource::Http, "tester", Role::Expert}, "interlocks/poll/rate", "0.001"}).ok());
-  ASSERT_TRUE(eventually([&] { return lock.is_ok(); }));
+  ASSERT_TRUE(wait_until([&] { return lock.is_ok(); }));
 
   auto set_at = std::chrono::steady_clock::now();
   bool shows_ok = false;
@@ -452,12 +413,12 @@ TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
   EXPECT_TRUE(shows_ok);
   EXPECT_TRUE(pending);
   EXPECT_EQ(trips_at, condition_at + 300000000u);
-  ASSERT_TRUE(eventually([&] { return lock.is_error(); }));
+  ASSERT_TRUE(wait_until([&] { return lock.is_error(); }));
   EXPECT_EQ(lock.trip_time().get(), 0u) << "tripped: nothing pending";
   double delay = std::chrono::duration<double>(std::chrono::steady_clock::now() - set_at).count();
   EXPECT_GT(delay, 0.3);
   EXPECT_LT(delay, 0.3 + 0.5) << "slack for a loaded machine, not a poll period";
-  EXPECT_TRUE(eventually([&] { return manager.summary().get() == "error"; }));
+  EXPECT_TRUE(wait_until([&] { return manager.summary().get() == "error"; }));
   EXPECT_EQ(manager.summary().color(), "red");
 }
 
@@ -508,7 +469,6 @@ TEST(PermitCommand, GateHoldsOutputOffAndRevocationWithdrawsTheCommand) {
 }
 
 TEST(InterlockManager, EnableAllAndSummaryFollowEveryInterlock) {
-  DataRoot data;
   std::string xml = "<root><x type=\"analog_io\" value=\"5\"/>";
   for (int i = 0; i < 6; ++i)
     xml += "<lock" + std::to_string(i) + " type=\"range_interlock_io\" input=\"x\" " +
@@ -539,13 +499,12 @@ TEST(InterlockManager, EnableAllAndSummaryFollowEveryInterlock) {
 
   on_context(manager, [&] { manager.enable_all().set(false); });
   for (auto* lock : manager.interlocks()) EXPECT_TRUE(lock->is_ok());
-  EXPECT_TRUE(eventually([&] { return manager.message().get() == "All interlocks OK."; }));
+  EXPECT_TRUE(wait_until([&] { return manager.message().get() == "All interlocks OK."; }));
 }
 
 // The root's manager gathers interlocks configured anywhere; a manager placed
 // in a subtree gathers its own.
 TEST(InterlockManager, RootManagerCollectsTheWholeTreeInTreeOrder) {
-  DataRoot data;
   auto root = build(R"(<root>
       <interlocks><early type="interlock_io"/></interlocks>
       <a type="component"><p type="permit_io"><one type="interlock_io"/></p></a>
@@ -569,7 +528,6 @@ TEST(InterlockManager, RootManagerCollectsTheWholeTreeInTreeOrder) {
 }
 
 TEST(InterlockManager, ReportCsvListsInterlocksWithRfc4180Quoting) {
-  DataRoot data;
   auto root = build(R"(<root>
       <pump type="component" label="Pump, main">
         <hot type="interlock_io" label="Too &quot;hot&quot;" detail="line one&#10;line two"/>
@@ -580,34 +538,32 @@ TEST(InterlockManager, ReportCsvListsInterlocksWithRfc4180Quoting) {
   auto& manager = at<InterlockManager>(*root, "interlocks");
   auto& button = dynamic_cast<ButtonField&>(*manager.field("generate_report_csv"));
   EXPECT_EQ(button.attributes()->label, "Generate");
-  std::string file = data.dir() + "/reports/interlock_report.csv";
+  std::string file = Paths::data_root() + "/reports/interlock_report.csv";
   on_context(manager, [&] { button.press(); });
-  EXPECT_EQ(read_file(file),
+  EXPECT_EQ(file_text(file),
             "Path,Parent,Label,Detail\r\n"
             "pump/hot,pump,\"Too \"\"hot\"\"\",\"line one\nline two\"\r\n"
             "pump/cold,pump,Cold,A generic interlock.\r\n");
 
-  std::filesystem::remove_all(data.dir() + "/reports");
-  std::ofstream(data.dir() + "/reports") << "a file where the folder belongs";
+  std::filesystem::remove_all(Paths::data_root() + "/reports");
+  std::ofstream(Paths::data_root() + "/reports") << "a file where the folder belongs";
   LogCapture log;
   EXPECT_FALSE(manager.generate_report_csv());
   ASSERT_EQ(log.entries().size(), 1u);
-  EXPECT_TRUE(log.entries()[0].text.starts_with("Error: Can't create the reports folder '" + data.dir() + "/reports'"));
+  EXPECT_TRUE(log.entries()[0].text.starts_with("Error: Can't create the reports folder '" + Paths::data_root() + "/reports'"));
 }
 
 TEST(InterlockManager, ReportOfNoInterlocksIsTheHeaderAndTheSummaryOk) {
-  DataRoot data;
   auto root = build("<root/>");
   root->initialize();
   auto& manager = at<InterlockManager>(*root, "interlocks");
   EXPECT_EQ(manager.summary().get(), "ok");
   ASSERT_TRUE(manager.generate_report_csv());
-  EXPECT_EQ(read_file(data.dir() + "/reports/interlock_report.csv"), "Path,Parent,Label,Detail\r\n");
+  EXPECT_EQ(file_text(Paths::data_root() + "/reports/interlock_report.csv"), "Path,Parent,Label,Detail\r\n");
 }
 
 TEST(SafetyChainConfiguration, ExampleTripsRevokesAndWaitsForANewCommand) {
-  DataRoot data;
-  auto root = build(read_file(std::string(ZEL_SOURCE_DIR) + "/examples/safety_chain.xml"));
+  auto root = build(file_text(std::string(ZEL_SOURCE_DIR) + "/examples/safety_chain.xml"));
   ASSERT_TRUE(root);
   root->initialize();
   auto& pressure = at<AnalogIO>(*root, "chamber/pressure");
@@ -624,7 +580,7 @@ TEST(SafetyChainConfiguration, ExampleTripsRevokesAndWaitsForANewCommand) {
     vacuum.error_time_duration().set(0.05);
     pressure.set(1e-3);
   });
-  ASSERT_TRUE(eventually([&] { return !hv.get(); }));
+  ASSERT_TRUE(wait_until([&] { return !hv.get(); }));
   on_context(permit, [] {});  // the trip's evaluation has run to its end
   EXPECT_TRUE(vacuum.is_error());
   EXPECT_FALSE(permit.user_command().get());
@@ -636,7 +592,6 @@ TEST(SafetyChainConfiguration, ExampleTripsRevokesAndWaitsForANewCommand) {
 }
 
 TEST(SafetyChainConfiguration, EveryVariantFindsItsIOsByPath) {
-  DataRoot data;
   auto root = build(R"(<root>
       <io type="component">
         <door type="digital_io" value="true"/>
@@ -672,7 +627,6 @@ TEST(SafetyChainConfiguration, EveryVariantFindsItsIOsByPath) {
 // the tree is complete and keeps the interlock tripped so its permit stays
 // revoked.
 TEST(SafetyChainConfiguration, BadPathsAreBuildErrorsThatKeepTheChainTripped) {
-  DataRoot data;
   Root::reset_configuration_errors();
   LogCapture log;
   auto root = build(R"(<root>

@@ -38,6 +38,11 @@ class LogCapture {
       if (t.find(part) != std::string::npos) return true;
     return false;
   }
+  bool has_line(const std::string& text) const {
+    for (auto& t : texts())
+      if (t == text) return true;
+    return false;
+  }
   void clear() {
     std::lock_guard lock(mutex_);
     records_.clear();

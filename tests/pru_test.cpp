@@ -8,7 +8,6 @@
 #include <atomic>
 #include <cstring>
 #include <random>
-#include <regex>
 #include <thread>
 #include <vector>
 
@@ -201,8 +200,6 @@ TEST(PruInbox, ConcurrentFullSpeedProducerLosesReordersAndTearsNothing) {
 // demo runs them; they share the two mapped files and nothing else.
 class PruSubsystem : public ::testing::Test {
  protected:
-  void SetUp() override { Paths::set_data_root(dir_.path().string()); }
-
   void build(const std::string& sim_settings, const std::string& core1_program = "idle") {
     root_ = FormatXML::instance().build(fmt::format(
         R"(<root><sim type="pru_simulation" device="pru/s.mem" rate="500" {}/>
@@ -215,7 +212,6 @@ class PruSubsystem : public ::testing::Test {
   PRUICSS& pru() { return at<PRUICSS>(*root_, "pru"); }
   SubsystemModel& model() { return at<PRUSimulation>(*root_, "sim").model(); }
 
-  TempDir dir_;
   std::unique_ptr<Root> root_;
 };
 
@@ -279,7 +275,7 @@ TEST_F(PruSubsystem, AnUnmappableDeviceIsReportedAndTheNodeStaysIdle) {
   root_ = FormatXML::instance().build(R"(<root><pru type="pru_icss" device="pru/absent.mem"/></root>)");
   ASSERT_TRUE(root_);
   root_->initialize();
-  EXPECT_TRUE(log.contains("Error: PRU shared memory not mapped: open " + (dir_ / "pru/absent.mem")));
+  EXPECT_TRUE(log.contains("Error: PRU shared memory not mapped: open " + Paths::data_root() + "/pru/absent.mem"));
   at<ButtonField>(*root_, "pru/pru0/program_button").press();
   at<ButtonField>(*root_, "pru/restart_button").press();
   std::this_thread::sleep_for(std::chrono::milliseconds(50));  // polls and button jobs run meanwhile
@@ -343,16 +339,14 @@ TEST(PruAcrossProcesses, AKilledHostLeavesTheFirmwareWritingAndTheNextHostRestar
 
   model.clear_trace();
   ZelProcess next(ZEL_BINARY, ZelProcess::arguments_for(dir));
-  ASSERT_TRUE(next.wait_for("Web server listening on port"));
-  std::smatch port;
-  auto log = next.error_text();
-  ASSERT_TRUE(std::regex_search(log, port, std::regex("listening on port ([0-9]+)")));
+  auto port = next.web_port();
+  ASSERT_NE(port, 0);
   ASSERT_TRUE(wait_until(enabled));
   auto trace = model.trace();
   ASSERT_GE(trace.size(), 2u);
   EXPECT_EQ(trace[0], "standby request");
   auto packets = [&] {
-    auto reply = web_client::get(static_cast<uint16_t>(std::stoi(port[1])), "/io/pru/wave/packets.json");
+    auto reply = web_client::get(port, "/io/pru/wave/packets.json");
     return reply.status == 200 ? std::stoull(reply.body) : 0ull;
   };
   EXPECT_TRUE(wait_until([&] { return packets() > 5; })) << "the next host receives";

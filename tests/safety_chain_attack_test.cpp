@@ -12,11 +12,9 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <fstream>
-#include <regex>
-#include <sstream>
 #include <string>
 
+#include "interlock_chain.hpp"
 #include "wait_until.hpp"
 #include "web_client.hpp"
 #include "zel_process.hpp"
@@ -28,19 +26,6 @@ namespace http = boost::beast::http;
 
 const std::string kProgram = ZEL_BINARY;
 
-// pressure guards hv_enable through hv_permit/vacuum; an error must hold
-// 0.3 s before it trips.
-constexpr const char* kChain = R"(<root>
-  <web_server type="web_server" anonymous_write="true"/>
-  <chamber type="component">
-    <pressure type="analog_io" value="1e-6"/>
-    <hv_enable type="digital_io" value="false"/>
-    <hv_permit type="permit_command_io" output="chamber/hv_enable">
-      <vacuum type="range_interlock_io" input="chamber/pressure" upper_limit="1e-4" error_time_duration="0.3"/>
-    </hv_permit>
-  </chamber>
-</root>)";
-
 // 0, or the errno with which the kernel refused writing `text` to `file`.
 int write_file(const std::string& file, const std::string& text) {
   int fd = ::open(file.c_str(), O_WRONLY);
@@ -51,39 +36,23 @@ int write_file(const std::string& file, const std::string& text) {
   return error;
 }
 
-std::string read_file(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
-}
-
 class ChainUnderAttack : public ::testing::Test {
  protected:
   void SetUp() override {
     if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no /dev/fuse";
-    dir_.write("config/system.xml", kChain);
+    // An error must hold 0.3 s before it trips.
+    dir_.write("config/system.xml", interlock_chain(R"(<web_server type="web_server" anonymous_write="true"/>)",
+                                                    R"(error_time_duration="0.3")"));
     std::filesystem::create_directory(io_root());
-    auto arguments = ZelProcess::arguments_for(dir_);
-    for (size_t i = 0; i + 1 < arguments.size(); ++i)
-      if (arguments[i] == "--io-mount") arguments[i + 1] = io_root();
-    zel_ = std::make_unique<ZelProcess>(kProgram, arguments);
-    ASSERT_TRUE(zel_->wait_for("Web server listening on port"));
-    std::smatch match;
-    auto output = zel_->output_text() + zel_->error_text();
-    ASSERT_TRUE(std::regex_search(output, match, std::regex("listening on port (\\d+)")));
-    port_ = static_cast<uint16_t>(std::stoi(match[1]));
-    ASSERT_TRUE(wait_until([&] { return read_file(io("hv_enable/value.json")) == "false"; }));
-  }
-
-  void TearDown() override {
-    if (!zel_) return;
-    zel_.reset();  // stops the program; its mount goes with it
+    zel_ = std::make_unique<ZelProcess>(kProgram, ZelProcess::arguments_for(dir_, io_root()));
+    port_ = zel_->web_port();
+    ASSERT_NE(port_, 0);
+    ASSERT_TRUE(wait_until([&] { return file_text(io("hv_enable/value.json")) == "false"; }));
   }
 
   std::string io_root() const { return dir_ / "io"; }
   std::string io(const std::string& below_chamber) const { return io_root() + "/chamber/" + below_chamber; }
-  std::string value(const std::string& below_chamber) const { return read_file(io(below_chamber)); }
+  std::string value(const std::string& below_chamber) const { return file_text(io(below_chamber)); }
 
   web_client::Reply put(const std::string& path, const std::string& body) {
     return web_client::request(port_, http::verb::put, "/io/" + path, body);
@@ -109,7 +78,7 @@ class ChainUnderAttack : public ::testing::Test {
   }
 
   TempDir dir_;
-  std::unique_ptr<ZelProcess> zel_;
+  std::unique_ptr<ZelProcess> zel_;  // stopped, and its mount gone, before the folder is removed
   uint16_t port_ = 0;
 };
 

@@ -19,8 +19,9 @@
 #include "core/permissions.hpp"
 #include "core/write_path.hpp"
 #include "formats/format_xml.hpp"
+#include "interlock_chain.hpp"
 #include "log_capture.hpp"
-#include "std/paths.hpp"
+#include "temp_dir.hpp"
 #include "tree_access.hpp"
 #include "wait_until.hpp"
 #include "web_client.hpp"
@@ -28,15 +29,7 @@
 namespace {
 
 std::unique_ptr<Root> chain() {
-  auto root = FormatXML::instance().build(R"(<root>
-    <c type="component" label="Chamber">
-      <p type="analog_io" value="1"/>
-      <hv type="digital_io" value="false"/>
-      <permit type="permit_command_io" output="c/hv">
-        <lock type="range_interlock_io" input="c/p" upper_limit="5"/>
-      </permit>
-    </c>
-  </root>)");
+  auto root = FormatXML::instance().build(interlock_chain());
   root->initialize();
   return root;
 }
@@ -57,19 +50,19 @@ TEST(WritePath, EachFieldKindIsWritableOnlyWhereTheRulesSay) {
     WriteStatus store;
   };
   const Case cases[] = {
-      {"c/p", "2", WriteStatus::Done, WriteStatus::Done},                            // an IO's value
-      {"c/permit/lock/value", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},   // a state
-      {"c/permit/lock/upper_limit", "9", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
-      {"c/permit/lock/state_time", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
-      {"c/permit/lock/trip_time", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
-      {"c/permit/user_command", "false", WriteStatus::Done, WriteStatus::ReadOnly},  // an operator control
-      {"c/hv", "true", WriteStatus::ReadOnly, WriteStatus::ReadOnly},                // driven by the permit
-      {"c/label", "\"x\"", WriteStatus::ReadOnly, WriteStatus::ReadOnly},            // an attribute
+      {"chamber/pressure", "5e-5", WriteStatus::Done, WriteStatus::Done},                          // an IO's value
+      {"chamber/hv_permit/vacuum/value", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},   // a state
+      {"chamber/hv_permit/vacuum/upper_limit", "9", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
+      {"chamber/hv_permit/vacuum/state_time", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
+      {"chamber/hv_permit/vacuum/trip_time", "0", WriteStatus::ReadOnly, WriteStatus::ReadOnly},
+      {"chamber/hv_permit/user_command", "false", WriteStatus::Done, WriteStatus::ReadOnly},  // an operator control
+      {"chamber/hv_enable", "true", WriteStatus::ReadOnly, WriteStatus::ReadOnly},                // driven by the permit
+      {"chamber/label", "\"x\"", WriteStatus::ReadOnly, WriteStatus::ReadOnly},            // an attribute
       {"interlocks/generate_report_csv", "false", WriteStatus::Done, WriteStatus::ReadOnly},  // a button
       {"interlocks/poll/rate", "0", WriteStatus::BadValue, WriteStatus::BadValue},
       {"interlocks/poll/rate", "nan", WriteStatus::BadValue, WriteStatus::BadValue},
-      {"c/permit/lock/enabled", "maybe", WriteStatus::BadValue, WriteStatus::BadValue},
-      {"c/nowhere", "1", WriteStatus::NotFound, WriteStatus::NotFound},
+      {"chamber/hv_permit/vacuum/enabled", "maybe", WriteStatus::BadValue, WriteStatus::BadValue},
+      {"chamber/nowhere", "1", WriteStatus::NotFound, WriteStatus::NotFound},
   };
   for (auto& c : cases) {
     auto* field = WritePath::field_for(root->find_path(c.path));
@@ -88,26 +81,19 @@ TEST(WritePath, EachFieldKindIsWritableOnlyWhereTheRulesSay) {
   }
 }
 
-TEST(WritePath, ANodeObjectIsAppliedWholeOrNotAtAll) {
+// A refused member refusing its whole object is pinned on every way in by
+// ChainUnderAttack.NoWritePathOpensATrippedChain.
+TEST(WritePath, ANodeObjectAppliesEachMemberWithALogLineOrRefusesAMalformedOrHugeText) {
   auto root = chain();
-  auto& permit = at<PermitCommandIO>(*root, "c/permit");
-  auto& p = at<AnalogIO>(*root, "c/p");
   LogCapture log;
-  auto refused = write(*root, WriteSource::File, "c", R"({"p":{"value":3},"permit":{"gate_command":true,"lock":{"value":0}}})");
-  EXPECT_EQ(refused.status, WriteStatus::ReadOnly);
-  EXPECT_NE(refused.reason.find("'c/permit/lock/value'"), std::string::npos) << refused.reason;
-  EXPECT_EQ(p.get(), 1.0);
-  EXPECT_FALSE(permit.gate_command().get());
-  EXPECT_EQ(log.entries().size(), 1u);
-
-  log.clear();
-  auto accepted = write(*root, WriteSource::File, "c", R"({"p":{"value":3},"permit":{"gate_command":true}})");
+  auto accepted = write(*root, WriteSource::File, "chamber",
+                        R"({"pressure":{"value":3e-5},"hv_permit":{"gate_command":true}})");
   ASSERT_TRUE(accepted.ok()) << accepted.reason;
-  EXPECT_EQ(p.get(), 3.0);
-  EXPECT_TRUE(permit.gate_command().get());
-  EXPECT_TRUE(log.contains(R"(User file tester set 'c/p/value' from 1 to 3)"));
-  EXPECT_EQ(write(*root, WriteSource::File, "c", R"({"p":)").status, WriteStatus::BadValue);
-  EXPECT_EQ(write(*root, WriteSource::File, "c", std::string(WritePath::kMaxTextBytes, 'x')).status,
+  EXPECT_EQ(at<AnalogIO>(*root, "chamber/pressure").get(), 3e-5);
+  EXPECT_TRUE(at<PermitCommandIO>(*root, "chamber/hv_permit").gate_command().get());
+  EXPECT_TRUE(log.contains(R"(User file tester set 'chamber/pressure/value' from 1e-6 to 3e-5)"));
+  EXPECT_EQ(write(*root, WriteSource::File, "chamber", R"({"pressure":)").status, WriteStatus::BadValue);
+  EXPECT_EQ(write(*root, WriteSource::File, "chamber", std::string(WritePath::kMaxTextBytes, 'x')).status,
             WriteStatus::TooLarge);
 }
 
@@ -117,9 +103,9 @@ TEST(WritePath, ThePermissionHookDecidesLastAndAlone) {
     reason = "viewers may not write";
     return caller.who != "viewer";
   });
-  auto denied = WritePath::write(*root, {{WriteSource::Http, "viewer"}, "c/p", "2"});
-  auto unreadable = WritePath::write(*root, {{WriteSource::Http, "viewer"}, "c/p", "two"});
-  auto allowed = WritePath::write(*root, {{WriteSource::Http, "operator"}, "c/p", "2"});
+  auto denied = WritePath::write(*root, {{WriteSource::Http, "viewer"}, "chamber/pressure", "2"});
+  auto unreadable = WritePath::write(*root, {{WriteSource::Http, "viewer"}, "chamber/pressure", "two"});
+  auto allowed = WritePath::write(*root, {{WriteSource::Http, "operator"}, "chamber/pressure", "2"});
   WritePath::set_permission_check(&Permissions::check);
   EXPECT_EQ(denied.status, WriteStatus::Denied);
   EXPECT_EQ(denied.reason, "viewers may not write");
@@ -152,22 +138,11 @@ TEST(WritePath, ConfiguredValuesOutOfRangeAreRefusedWithTheRange) {
 TEST(WritePath, WritersOnEveryWayInNeverRunAChainsListenersOnTwoThreadsAtOnce) {
   using namespace std::chrono_literals;
   if (::access("/dev/fuse", R_OK | W_OK) != 0) GTEST_SKIP() << "no /dev/fuse";
-  namespace fs = std::filesystem;
-  std::string dir = (fs::temp_directory_path() / "zel-writers-XXXXXX").string();
-  ASSERT_TRUE(mkdtemp(dir.data()));
-  fs::create_directory(dir + "/io");
-  Paths::set_data_root(dir);
-  auto root = FormatXML::instance().build(R"(<root>
-    <web_server type="web_server" port="0" anonymous_write="true"/>
-    <io_server mount=")" + dir + R"(/io"/>
-    <c type="ctx_comp">
-      <p type="analog_io" value="1"/>
-      <hv type="digital_io" value="false"/>
-      <permit type="permit_command_io" output="c/hv">
-        <lock type="range_interlock_io" input="c/p" upper_limit="5" error_time_duration="0.02"/>
-      </permit>
-    </c>
-  </root>)");
+  TempDir dir;
+  std::filesystem::create_directory(dir / "io");
+  auto root = FormatXML::instance().build(interlock_chain(
+      R"(<web_server type="web_server" port="0" anonymous_write="true"/><io_server mount=")" + (dir / "io") + R"("/>)",
+      R"(error_time_duration="0.02")", "ctx_comp"));
   ASSERT_TRUE(root);
   root->initialize();
   auto port = static_cast<uint16_t>(at<ValueField<int>>(*root, "web_server/port").get());
@@ -181,28 +156,28 @@ TEST(WritePath, WritersOnEveryWayInNeverRunAChainsListenersOnTwoThreadsAtOnce) {
     std::this_thread::sleep_for(20us);
     inside.fetch_sub(1);
   };
-  WritePath::field_for(root->find_path("c/p"))->listen(guard);
-  WritePath::field_for(root->find_path("c/permit/lock"))->listen(guard);
+  WritePath::field_for(root->find_path("chamber/pressure"))->listen(guard);
+  WritePath::field_for(root->find_path("chamber/hv_permit/vacuum"))->listen(guard);
 
   // Fine, in error: each error arms the delayed trip. Every writer ends in
   // error, so a set still in flight cannot clear the final one.
-  const char* texts[] = {"1", "10"};
+  const char* texts[] = {"0", "10"};
   constexpr int kRounds = 30;
   std::vector<std::thread> writers;
   writers.emplace_back([&] {
-    for (int i = 0; i < kRounds; ++i) web_client::request(port, web_client::http::verb::put, "/io/c/p", texts[i % 2]);
+    for (int i = 0; i < kRounds; ++i) web_client::request(port, web_client::http::verb::put, "/io/chamber/pressure", texts[i % 2]);
   });
   writers.emplace_back([&] {
     boost::asio::io_context io;
     web_client::WebSocketClient ws(io, port);
     for (int i = 0; i < kRounds; ++i) {
-      ws.send(std::string(R"({"event":"set","data":{"c/p":)") + texts[i % 2] + "}}");
+      ws.send(std::string(R"({"event":"set","data":{"chamber/pressure":)") + texts[i % 2] + "}}");
       std::this_thread::sleep_for(1ms);
     }
   });
   writers.emplace_back([&] {
     for (int i = 0; i < kRounds; ++i) {
-      int fd = ::open((dir + "/io/c/p/value.json").c_str(), O_WRONLY);
+      int fd = ::open((dir / "io/chamber/pressure/value.json").c_str(), O_WRONLY);
       if (fd < 0) continue;
       EXPECT_GT(::write(fd, texts[i % 2], 1 + i % 2), 0);
       ::close(fd);
@@ -210,21 +185,18 @@ TEST(WritePath, WritersOnEveryWayInNeverRunAChainsListenersOnTwoThreadsAtOnce) {
   });
   writers.emplace_back([&] {
     for (int i = 0; i < kRounds; ++i) {
-      write(*root, WriteSource::Local, "c/p", texts[(i + 1) % 2]);
-      write(*root, WriteSource::Local, "c/permit/user_command", "true");
+      write(*root, WriteSource::Local, "chamber/pressure", texts[(i + 1) % 2]);
+      write(*root, WriteSource::Local, "chamber/hv_permit/user_command", "true");
       std::this_thread::sleep_for(1ms);
     }
   });
   for (auto& w : writers) w.join();
 
-  ASSERT_EQ(web_client::request(port, web_client::http::verb::put, "/io/c/p", "10").status, 200u);
-  auto& lock = at<RangeInterlockIO>(*root, "c/permit/lock");
+  ASSERT_EQ(web_client::request(port, web_client::http::verb::put, "/io/chamber/pressure", "10").status, 200u);
+  auto& lock = at<RangeInterlockIO>(*root, "chamber/hv_permit/vacuum");
   EXPECT_TRUE(wait_until([&] { return lock.is_error(); }, 3s));
-  EXPECT_TRUE(wait_until([&] { return at<ValueField<bool>>(*root, "c/hv/value").get() == false; }, 3s));
-  EXPECT_EQ(WritePath::field_for(root->find_path("c/permit"))->json(), "false");
+  EXPECT_TRUE(wait_until([&] { return at<ValueField<bool>>(*root, "chamber/hv_enable/value").get() == false; }, 3s));
+  EXPECT_EQ(WritePath::field_for(root->find_path("chamber/hv_permit"))->json(), "false");
   EXPECT_GT(calls.load(), kRounds) << "the writers reached the chain";
   EXPECT_EQ(overlaps.load(), 0) << "a chain's listeners ran on two threads at once";
-  root.reset();
-  std::error_code ignored;
-  fs::remove_all(dir, ignored);
 }

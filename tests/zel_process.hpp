@@ -12,51 +12,16 @@
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <mutex>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "emulation.hpp"
+#include "temp_dir.hpp"
 
 extern char** environ;
-
-// A folder made with mkdtemp, removed with all it holds.
-class TempDir {
- public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zel-test-XXXXXX").string();
-    if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-  }
-  ~TempDir() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-  }
-  TempDir(const TempDir&) = delete;
-  TempDir& operator=(const TempDir&) = delete;
-
-  const std::filesystem::path& path() const { return path_; }
-  std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-  void write(const std::string& name, const std::string& text) const {
-    auto file = path_ / name;
-    std::filesystem::create_directories(file.parent_path());
-    std::ofstream(file, std::ios::binary) << text;
-  }
-  std::string read(const std::string& name) const {
-    std::ifstream file(path_ / name, std::ios::binary);
-    std::stringstream text;
-    text << file.rdbuf();
-    return text.str();
-  }
-
- private:
-  std::filesystem::path path_;
-};
 
 class ZelProcess {
  public:
@@ -68,10 +33,11 @@ class ZelProcess {
   };
 
   // The usual command line: working directory and data root in `dir`, the
-  // pid file there, no file system, a free web port.
-  static std::vector<std::string> arguments_for(const TempDir& dir) {
+  // pid file there, the files mounted at `io_mount` ("none": not at all), a
+  // free web port.
+  static std::vector<std::string> arguments_for(const TempDir& dir, const std::string& io_mount = "none") {
     return {"--dir", dir.path().string(), "--data-root", dir.path().string(), "--pid-file", dir / "zel.pid",
-            "--io-mount", "none", "--port", "0"};
+            "--io-mount", io_mount, "--port", "0"};
   }
 
   ZelProcess(std::string program, std::vector<std::string> arguments, Options options = {})
