@@ -164,8 +164,7 @@ namespace {
 // the start, so every start journals a trip.
 struct AlarmProgram {
   explicit AlarmProgram(const TempDir& dir)
-      : zel(ZEL_BINARY, {"--config", dir / "rig.xml", "--data-root", dir.path().string(), "--pid-file",
-                         dir / "zel.pid", "--io-mount", "none", "--port", "0"}) {
+      : zel(ZEL_BINARY, ZelProcess::arguments_for(dir)) {
     port = zel.web_port();
   }
   ~AlarmProgram() {
@@ -198,7 +197,7 @@ constexpr const char* kRig = R"(<root>
 
 TEST(AlarmJournalProgram, OnlyOperatorsAcknowledgeAndBothTripAndAcknowledgementSurviveARestart) {
   TempDir dir;
-  dir.write("rig.xml", kRig);
+  dir.write("config/system.xml", kRig);
   std::string admin_password;
   {
     AlarmProgram program(dir);

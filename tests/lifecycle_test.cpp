@@ -9,6 +9,7 @@
 #include "core/root.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
+#include "wait_until.hpp"
 
 namespace {
 
@@ -55,10 +56,7 @@ TEST(Lifecycle, PollRunsOnTheContextAtItsRateAndEndsAtStop) {
   auto root = FormatXML::instance().build(R"(<root><r type="recorder"><poll rate="200"/></r></root>)");
   root->initialize();
   auto& r = static_cast<Recorder&>(*root->find_path("r"));
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (r.polls < 3 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_GE(r.polls, 3);
+  EXPECT_TRUE(wait_until([&] { return r.polls >= 3; }));
   root->stop_all();
   int after_stop = r.polls;
   std::this_thread::sleep_for(std::chrono::milliseconds(30));
@@ -95,8 +93,5 @@ TEST(Lifecycle, PulseCountsAtItsRate) {
   auto root = FormatXML::instance().build(R"(<root><pulse rate="100"/></root>)");
   root->initialize();
   auto& pulse = static_cast<Pulse&>(*root->find_path("pulse"));
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
-  while (pulse.count().get() < 3 && std::chrono::steady_clock::now() < deadline)
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_GE(pulse.count().get(), 3u);
+  EXPECT_TRUE(wait_until([&] { return pulse.count().get() >= 3; }));
 }

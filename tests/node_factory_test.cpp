@@ -19,18 +19,12 @@ class ProbeNode : public Node {
 };
 ZEL_REGISTER_NODE("probe_node", ProbeNode);
 
-TEST(TypeName, TemplateInstancesGetDistinctDashedNames) {
+TEST(TypeName, TemplatesNamespacesAndTheCvrSaverWrapperGiveDistinctDashedNames) {
   EXPECT_EQ(factory_type_name(typeid(IO<double>)), "IO-double");
   EXPECT_EQ(factory_type_name(typeid(IO<bool>)), "IO-bool");
   EXPECT_EQ(factory_type_name(typeid(IOBase)), "IOBase");
-}
-
-TEST(TypeName, NamespaceGivesTwoDashesAndTwoArgumentsAreJoined) {
   EXPECT_EQ(factory_type_name(typeid(A::B)), "A--B");
   EXPECT_EQ(factory_type_name(typeid(LynxDAC<8u, LynxApp>)), "LynxDAC-8u-LynxApp");
-}
-
-TEST(TypeName, CvrSaverWrapperIsTakenOff) {
   EXPECT_EQ(factory_type_name(std::string("boost::typeindex::detail::cvr_saver< IO<double> >")), "IO-double");
   // Short names are left alone even when they hold the wrapper's text.
   EXPECT_EQ(factory_type_name(std::string("X<int, long>")), "X-int-long");
@@ -50,8 +44,6 @@ TEST(NodeFactory, CreatesByTypeNameAndByAliasAndReportsTheTypeName) {
   EXPECT_EQ(analog->type(), "AnalogIO");
   EXPECT_TRUE(NodeFactory::known(analog->type()));
 }
-
-TEST(NodeFactory, UnknownNameYieldsNoNode) { EXPECT_EQ(NodeFactory::create("no_such_type", VTree("x")), nullptr); }
 
 TEST(NodeFactory, EveryCoreAliasIsRegistered) {
   for (const char* alias : {"root", "node", "component", "io_server", "admin_manager", "upnp", "interlock_manager",
