@@ -275,6 +275,9 @@ void expect_same(const Chain& chain, const Model& model, const LogCapture& log) 
 
 }  // namespace
 
+// This pins the permit command as well: a running output adopted as the
+// command, the gate holding the output off, a revocation withdrawing the
+// command with its log line, a returning permit leaving the output off.
 TEST(InterlockChain, FollowsTheAlgorithmOverRandomSequences) {
   LogCapture log;
   QuietStderr quiet;
@@ -420,52 +423,6 @@ TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
   EXPECT_LT(delay, 0.3 + 0.5) << "slack for a loaded machine, not a poll period";
   EXPECT_TRUE(wait_until([&] { return manager.summary().get() == "error"; }));
   EXPECT_EQ(manager.summary().color(), "red");
-}
-
-TEST(PermitCommand, GateHoldsOutputOffAndRevocationWithdrawsTheCommand) {
-  LogCapture log;
-  AnalogIO x(VTree("x"));
-  DigitalIO output(VTree("output"));
-  Node pump(VTree("pump"));
-  auto& permit = pump.add<PermitCommandIO>(VTree("run"), output);
-  VTree config("overheat");
-  config.set("upper_limit", "80");
-  auto& lock = permit.add<RangeInterlockIO>(config, x);
-  permit.init();
-  x.set(20);
-
-  // A restart finds the output running: the command adopts it.
-  output.set(true);
-  EXPECT_TRUE(permit.user_command().get());
-  EXPECT_TRUE(output.get());
-
-  permit.gate_command().set(true);
-  EXPECT_FALSE(output.get());
-  EXPECT_TRUE(permit.user_command().get());
-  permit.gate_command().set(false);
-  EXPECT_TRUE(output.get());
-
-  // The output can't be switched on past a revoked permit.
-  x.set(90);
-  EXPECT_TRUE(lock.is_error());
-  EXPECT_FALSE(permit.get());
-  EXPECT_FALSE(output.get());
-  EXPECT_FALSE(permit.user_command().get());
-  output.set(true);
-  EXPECT_FALSE(output.get());
-
-  ASSERT_EQ(revocations(log), std::vector<std::string>{"pump run permit revoked: overheat"});
-
-  // A returning permit does not switch the output back on.
-  x.set(20);
-  EXPECT_TRUE(permit.get());
-  EXPECT_FALSE(output.get());
-  permit.user_command().set(true);
-  EXPECT_TRUE(output.get());
-  // A warning does not revoke.
-  lock.upper_warning().set(10);
-  EXPECT_TRUE(lock.is_warning());
-  EXPECT_TRUE(output.get());
 }
 
 TEST(InterlockManager, EnableAllAndSummaryFollowEveryInterlock) {

@@ -281,16 +281,6 @@ TEST(Saving, ChangesAreCoalescedAndLoadingIsNoChange) {
   EXPECT_LT(manager.writes().get(), 20u);  // one write per tick that saw changes, not one per change
 }
 
-TEST(Saving, ShutdownWritesWhatChangedSinceTheLastSave) {
-  DataRoot data;
-  {
-    auto root = start(quiet(R"(<x type="analog_io" store="calibration"/>)"));
-    at<AnalogIO>(*root, "x").set(42);
-    EXPECT_FALSE(fs::exists(data.store("calibration")));
-  }
-  EXPECT_EQ(read_text(data.store("calibration")), "{\n \"x\": 42\n}");
-}
-
 TEST(Saving, AStoreThatCannotBeWrittenAtShutdownSaysItsChangesAreLost) {
   DataRoot data;
   LogCapture log;
@@ -322,22 +312,6 @@ TEST(Saving, HourMeterIsWrittenOnItsOwnPeriodAndByTheServiceAction) {
                     members + "</root>");
   at<AnalogIO>(*root, "h").set(2);
   EXPECT_TRUE(wait_until([&] { return read_text(data.store("hourmeter")) == "{\n \"h\": 2\n}"; }));
-}
-
-TEST(Saving, RealProgramWritesPendingChangesWhenTerminated) {
-  DataRoot data;
-  const std::string config = data.dir() + "/zel.xml";
-  write_text(config, R"(<root><admin><store_manager save_delay="0"/></admin>
-                          <churn type="store_exerciser" store="admin" size="8"/></root>)");
-  auto zel = start_zel(data, config);
-  ASSERT_TRUE(zel->wait_for("Initialized")) << zel->error_text();
-  std::this_thread::sleep_for(200ms);  // the exerciser counts meanwhile
-  EXPECT_FALSE(fs::exists(data.store("admin")));
-  zel->signal(SIGTERM);
-  EXPECT_TRUE(zel->wait_exit(10s));
-  auto doc = nlohmann::json::parse(read_text(data.store("admin")), nullptr, false);
-  ASSERT_TRUE(doc.is_object()) << zel->error_text();
-  EXPECT_GT(doc["churn/generation"].get<unsigned long long>(), 0u);
 }
 
 TEST(AtomicFile, ReplacesWholeFilesAndFailsWithoutTouchingTheOldOne) {
