@@ -569,25 +569,6 @@ TEST_F(WebServerTest, AClientThatExpectsContinueIsAskedForTheBodyBeforeSendingIt
   EXPECT_TRUE(refused.starts_with("HTTP/1.1 413")) << refused.substr(0, 40);
 }
 
-TEST_F(WebServerTest, WebSocketClientSubscribesReceivesExactPushesAndSets) {
-  start(R"(<t type="analog_io" value="1.5"/>)", R"(anonymous_write="true")");
-  web_client::WebSocketClient client(io, port);
-  client.send(R"({"event":"subscribe","data":{"t/value":1}})");
-  auto first = client.receive(5s);
-  ASSERT_TRUE(first);
-  EXPECT_EQ(*first, R"({"event": "update","data":{"t/value":[[1.5,)" + stamp_of(*root, "t/value") + "]]}}");
-
-  at<AnalogIO>(*root, "t").set(2.25);
-  auto changed = client.receive(5s);
-  ASSERT_TRUE(changed);
-  EXPECT_EQ(*changed, R"({"event": "update","data":{"t/value":[[2.25,)" + stamp_of(*root, "t/value") + "]]}}");
-
-  client.send(R"({"event":"set","data":{"t/value":-3}})");
-  ASSERT_TRUE(client.receive_containing("[[-3,", 5s));
-  EXPECT_EQ(at<AnalogIO>(*root, "t").get(), -3.0);
-  EXPECT_EQ(at<ValueField<unsigned int>>(*root, "web_server/websocket_sessions").get(), 1u);
-}
-
 TEST_F(WebServerTest, AHugeMessageClosesOnlyThatConnection) {
   start(R"(<t type="analog_io" value="1"/>)");
   LogCapture log;
@@ -709,8 +690,8 @@ TEST_F(WebServerTest, AnUpgradePipelinedBehindALargeReplyWaitsUntilTheReplyIsWri
   EXPECT_EQ(received.find("HTTP/1.1 101"), body + 4 + kSize) << "the switch comes right after the whole body";
 }
 
-TEST_F(WebServerTest, WebSocketsCarryTheirSessionAndForeignPagesGetNone) {
-  start(R"(<t type="analog_io" value="1"/>)");
+TEST_F(WebServerTest, WebSocketsGetExactPushesAndCarryTheirSessionAndForeignPagesGetNone) {
+  start(R"(<t type="analog_io" value="1.5"/>)");
   auto& access = server->access();
   auto session = access.sessions().open("olga", Role::Operator);
   LogCapture log;
@@ -725,10 +706,19 @@ TEST_F(WebServerTest, WebSocketsCarryTheirSessionAndForeignPagesGetNone) {
   web_client::WebSocketClient olga(io, port, true, 0,
                                    {{"Cookie", "zel_session=" + session}, {"Origin", "http://127.0.0.1"}});
   olga.send(R"({"event":"subscribe","data":{"t/value":1}})");
+  auto first = olga.receive(5s);
+  ASSERT_TRUE(first);
+  EXPECT_EQ(*first, R"({"event": "update","data":{"t/value":[[1.5,)" + stamp_of(*root, "t/value") + "]]}}");
+  at<AnalogIO>(*root, "t").set(2.25);
+  auto changed = olga.receive(5s);
+  ASSERT_TRUE(changed);
+  EXPECT_EQ(*changed, R"({"event": "update","data":{"t/value":[[2.25,)" + stamp_of(*root, "t/value") + "]]}}");
+
   olga.send(R"({"event":"set","data":{"t/value":-3}})");
   ASSERT_TRUE(olga.receive_containing("[[-3,", 5s));
-  EXPECT_TRUE(log.contains("set 't/value' from 1 to -3"));
+  EXPECT_TRUE(log.contains("set 't/value' from 2.25 to -3"));
   EXPECT_TRUE(log.contains("User websocket olga (operator) 127.0.0.1:"));
+  EXPECT_EQ(at<ValueField<unsigned int>>(*root, "web_server/websocket_sessions").get(), 1u) << "the foreign one got none";
 
   access.sessions().close(session);  // logged out elsewhere: the open socket loses its rights too
   olga.send(R"({"event":"set","data":{"t/value":7}})");
