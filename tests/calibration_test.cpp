@@ -17,22 +17,16 @@
 #include "core/io/calibration_poly.hpp"
 #include "core/io/poly_fit.hpp"
 #include "core/root.hpp"
-#include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
 #include "temp_dir.hpp"
+#include "test_tree.hpp"
 #include "tree_access.hpp"
 #include "wait_until.hpp"
 
 namespace {
 
 using Model = CalibrationPoly::Model;
-
-std::unique_ptr<Root> build(const std::string& xml) {
-  auto root = FormatXML::instance().build(xml);
-  if (!root) throw std::runtime_error("no root from " + xml);
-  return root;
-}
 
 std::vector<double> values_of(const PolyIO<4>& poly) {
   auto v = poly.values();
@@ -111,7 +105,7 @@ TEST(PolyFit, AgreesWithNumpyPolyfitOnWellConditionedData) {
 }
 
 TEST(CalibrationModel, FitsTheLineAndAnExactCubicFromItsPoints) {
-  auto root = build(R"(<root><cal type="calibration_poly"/></root>)");
+  auto root = build_tree(R"(<root><cal type="calibration_poly"/></root>)");
   root->initialize();
   auto& model = at<CalibrationPoly>(*root, "cal").model();
   set_points(model, {-3, -1, 0, 0.5, 2, 4, 7}, [](double x) { return 2 * x + 1; });
@@ -126,7 +120,7 @@ TEST(CalibrationModel, FitsTheLineAndAnExactCubicFromItsPoints) {
 }
 
 TEST(CalibrationModel, UnmeasuredPointFailsTheFitAndKeepsEarlierResults) {
-  auto root = build(R"(<root><cal type="calibration_poly"/></root>)");
+  auto root = build_tree(R"(<root><cal type="calibration_poly"/></root>)");
   root->initialize();
   auto& model = at<CalibrationPoly>(*root, "cal").model();
   EXPECT_TRUE(model.fit_failed().get());  // nothing measured yet
@@ -149,7 +143,7 @@ TEST(CalibrationModel, UnmeasuredPointFailsTheFitAndKeepsEarlierResults) {
 }
 
 TEST(CalibrationModel, FitModeOffersItsChoicesAndRefusesOthers) {
-  auto root = build(R"(<root><cal type="calibration_poly" order="quad"/></root>)");
+  auto root = build_tree(R"(<root><cal type="calibration_poly" order="quad"/></root>)");
   auto& order = at<CalibrationPoly>(*root, "cal").model().order();
   EXPECT_EQ(order.get(), "quad");
   EXPECT_EQ(at<CalibrationPoly>(*root, "cal").model().fit_order(), 2u);
@@ -164,14 +158,14 @@ TEST(CalibrationModel, FitModeOffersItsChoicesAndRefusesOthers) {
   EXPECT_TRUE(log.contains(R"("quintic" is not one of its choices)"));
 
   Root::reset_configuration_errors();
-  auto bad = build(R"(<root><cal type="calibration_poly" order="quartic"/></root>)");
+  auto bad = build_tree(R"(<root><cal type="calibration_poly" order="quartic"/></root>)");
   EXPECT_EQ(bad->find_path("cal"), nullptr);
   EXPECT_EQ(Root::configuration_errors(), 1u);
   EXPECT_TRUE(log.contains("'order'") && log.contains("'quartic'"));
 }
 
 TEST(CalibrationButtons, CollectCopiesTheReadingAndCommandDrivesTheOutput) {
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <adc type="analog_io"/><dac type="analog_io"/>
       <in type="calibration_poly" channel="adc"/>
       <out type="calibration_poly" channel="adc" output="dac"/>
@@ -205,7 +199,7 @@ TEST(CalibrationButtons, CollectCopiesTheReadingAndCommandDrivesTheOutput) {
 TEST(CalibrationButtons, CollectAllStepsTheOutputThroughEveryPointAndTheCopiedFitFollowsTheChannel) {
   std::string points;
   for (int i = 0; i < 7; ++i) points += fmt::format(R"(<p{0}><expected value="{0}"/></p{0}>)", i);
-  auto root = build(R"(<root><adc type="analog_io"/><dac type="analog_io"/>
+  auto root = build_tree(R"(<root><adc type="analog_io"/><dac type="analog_io"/>
       <cal type="calibration_poly" channel="adc" output="dac" settle_time="0.005">
         <poly_model><model>)" + points + R"(</model></poly_model></cal></root>)");
   auto& adc = at<AnalogIO>(*root, "adc");
@@ -237,7 +231,7 @@ TEST(CalibrationButtons, CollectAllStepsTheOutputThroughEveryPointAndTheCopiedFi
 }
 
 TEST(CalibrationPoly, CopyFitAsksFirstAndRefusesMissingOrNonFiniteResults) {
-  auto root = build(R"(<root><adc type="analog_io" value="2"/><cal type="calibration_poly" channel="adc"/></root>)");
+  auto root = build_tree(R"(<root><adc type="analog_io" value="2"/><cal type="calibration_poly" channel="adc"/></root>)");
   root->initialize();
   auto& cal = at<CalibrationPoly>(*root, "cal");
   auto& button = at<ButtonField>(*root, "cal/copy_fit_button");
@@ -267,7 +261,7 @@ TEST(CalibrationStore, CopiedFitSurvivesARestartThroughTheCalibrationStore) {
   const std::string xml = R"(<root><adc type="analog_io"/><cal type="calibration_poly" channel="adc" order="quad"/></root>)";
   std::vector<double> copied;
   {
-    auto root = build(xml);
+    auto root = build_tree(xml);
     root->initialize();
     auto& cal = at<CalibrationPoly>(*root, "cal");
     set_points(cal.model(), {-2, -1, 0, 1, 2, 3, 5}, [](double x) { return 1 + 0.5 * x - 0.25 * x * x; });
@@ -282,7 +276,7 @@ TEST(CalibrationStore, CopiedFitSurvivesARestartThroughTheCalibrationStore) {
   EXPECT_FALSE(stored.contains("cal/poly_model/fit_results/gain"));
 
   // The stored fit mode wins over the configured one.
-  auto root = build(R"(<root><adc type="analog_io"/><cal type="calibration_poly" channel="adc" order="linear"/></root>)");
+  auto root = build_tree(R"(<root><adc type="analog_io"/><cal type="calibration_poly" channel="adc" order="linear"/></root>)");
   root->initialize();
   auto& cal = at<CalibrationPoly>(*root, "cal");
   EXPECT_EQ(values_of(cal), copied);

@@ -20,10 +20,10 @@
 #include "core/io/tolerance_interlock_io.hpp"
 #include "core/root.hpp"
 #include "core/write_path.hpp"
-#include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
 #include "temp_dir.hpp"
+#include "test_tree.hpp"
 #include "tree_access.hpp"
 #include "wait_until.hpp"
 
@@ -368,12 +368,6 @@ TEST(InterlockChain, FollowsTheAlgorithmOverRandomSequences) {
 
 namespace {
 
-std::unique_ptr<Root> build(const std::string& xml) {
-  auto root = FormatXML::instance().build(xml);
-  if (!root) ADD_FAILURE() << "no root from " << xml;
-  return root;
-}
-
 // Runs `job` on the node's context (where its events belong) and waits.
 void on_context(Node& node, std::function<void()> job) {
   std::promise<void> done;
@@ -390,7 +384,7 @@ void on_context(Node& node, std::function<void()> job) {
 // trips with no further input, on the interlock's own context, by the timer
 // its pending error armed: the manager's poll is slowed to once in 1000 s.
 TEST(Interlock, PendingErrorTripsWhenItsDelayEndsWithoutFurtherInput) {
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <rig type="ctx_comp">
         <x type="analog_io" value="0"/>
         <lock type="range_interlock_io" input="rig/x" upper_limit="1" error_time_duration="0.3"/>
@@ -430,7 +424,7 @@ TEST(InterlockManager, EnableAllAndSummaryFollowEveryInterlock) {
   for (int i = 0; i < 6; ++i)
     xml += "<lock" + std::to_string(i) + " type=\"range_interlock_io\" input=\"x\" " +
            (i % 2 ? "upper_warning=\"1\"" : "upper_limit=\"1\"") + " enabled=\"false\"/>";
-  auto root = build(xml + "</root>");
+  auto root = build_tree(xml + "</root>");
   root->initialize();
   auto& manager = at<InterlockManager>(*root, "interlocks");
   ASSERT_EQ(manager.interlocks().size(), 6u);
@@ -462,7 +456,7 @@ TEST(InterlockManager, EnableAllAndSummaryFollowEveryInterlock) {
 // The root's manager gathers interlocks configured anywhere; a manager placed
 // in a subtree gathers its own.
 TEST(InterlockManager, RootManagerCollectsTheWholeTreeInTreeOrder) {
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <interlocks><early type="interlock_io"/></interlocks>
       <a type="component"><p type="permit_io"><one type="interlock_io"/></p></a>
       <b type="component">
@@ -485,7 +479,7 @@ TEST(InterlockManager, RootManagerCollectsTheWholeTreeInTreeOrder) {
 }
 
 TEST(InterlockManager, ReportCsvListsInterlocksWithRfc4180Quoting) {
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <pump type="component" label="Pump, main">
         <hot type="interlock_io" label="Too &quot;hot&quot;" detail="line one&#10;line two"/>
         <cold type="interlock_io" label="Cold"/>
@@ -511,7 +505,7 @@ TEST(InterlockManager, ReportCsvListsInterlocksWithRfc4180Quoting) {
 }
 
 TEST(InterlockManager, ReportOfNoInterlocksIsTheHeaderAndTheSummaryOk) {
-  auto root = build("<root/>");
+  auto root = build_tree("<root/>");
   root->initialize();
   auto& manager = at<InterlockManager>(*root, "interlocks");
   EXPECT_EQ(manager.summary().get(), "ok");
@@ -520,8 +514,7 @@ TEST(InterlockManager, ReportOfNoInterlocksIsTheHeaderAndTheSummaryOk) {
 }
 
 TEST(SafetyChainConfiguration, ExampleTripsRevokesAndWaitsForANewCommand) {
-  auto root = build(file_text(std::string(ZEL_SOURCE_DIR) + "/examples/safety_chain.xml"));
-  ASSERT_TRUE(root);
+  auto root = build_tree(file_text(std::string(ZEL_SOURCE_DIR) + "/examples/safety_chain.xml"));
   root->initialize();
   auto& pressure = at<AnalogIO>(*root, "chamber/pressure");
   auto& hv = at<DigitalIO>(*root, "chamber/hv_enable");
@@ -549,7 +542,7 @@ TEST(SafetyChainConfiguration, ExampleTripsRevokesAndWaitsForANewCommand) {
 }
 
 TEST(SafetyChainConfiguration, EveryVariantFindsItsIOsByPath) {
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <io type="component">
         <door type="digital_io" value="true"/>
         <set type="analog_io" value="50"/>
@@ -586,7 +579,7 @@ TEST(SafetyChainConfiguration, EveryVariantFindsItsIOsByPath) {
 TEST(SafetyChainConfiguration, BadPathsAreBuildErrorsThatKeepTheChainTripped) {
   Root::reset_configuration_errors();
   LogCapture log;
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <x type="analog_io" value="0"/>
       <d type="digital_io" value="true"/>
       <run type="permit_command_io" output="x">
@@ -598,7 +591,6 @@ TEST(SafetyChainConfiguration, BadPathsAreBuildErrorsThatKeepTheChainTripped) {
       </other>
       <missing type="digital_interlock_io"/>
     </root>)");
-  ASSERT_TRUE(root);
   EXPECT_EQ(root->find_path("missing"), nullptr);
   root->initialize();
   EXPECT_EQ(Root::configuration_errors(), 4u);

@@ -4,22 +4,11 @@
 #include "core/log_io.hpp"
 #include "core/pulse.hpp"
 #include "core/root.hpp"
-#include "formats/format_xml.hpp"
 #include "log_capture.hpp"
-
-namespace {
-
-std::unique_ptr<Root> build(const char* xml) {
-  auto root = FormatXML::instance().build(xml);
-  if (!root) ADD_FAILURE() << "no root from " << xml;
-  return root;
-}
-
-}  // namespace
+#include "test_tree.hpp"
 
 TEST(Root, EmptyConfigurationStillHasAllBuiltInChildren) {
-  auto root = build("<root/>");
-  ASSERT_TRUE(root);
+  auto root = build_tree("<root/>");
   std::vector<std::string> names;
   for (auto& c : root->children()) names.push_back(c->name());
   EXPECT_EQ(names, (std::vector<std::string>{"log", "pulse", "async", "interlocks", "alarms", "admin", "io_server",
@@ -34,8 +23,7 @@ TEST(Root, EmptyConfigurationStillHasAllBuiltInChildren) {
 }
 
 TEST(Root, ConfiguredChildrenFollowTheBuiltInsInDocumentOrder) {
-  auto root = build(R"(<root><pulse rate="5"/><b type="analog_io" value="2"/><a type="digital_io"/></root>)");
-  ASSERT_TRUE(root);
+  auto root = build_tree(R"(<root><pulse rate="5"/><b type="analog_io" value="2"/><a type="digital_io"/></root>)");
   auto& children = root->children();
   ASSERT_EQ(children.size(), 12u);
   EXPECT_EQ(children[10]->name(), "b");
@@ -47,7 +35,7 @@ TEST(Root, ConfiguredChildrenFollowTheBuiltInsInDocumentOrder) {
 }
 
 TEST(Root, UserSetOfAnIoNodeGoesToItsValueField) {
-  auto root = build(R"(<root><x type="analog_io"/></root>)");
+  auto root = build_tree(R"(<root><x type="analog_io"/></root>)");
   root->set_field_as_user("operator", "x", "4.25");
   EXPECT_EQ(static_cast<AnalogIO*>(root->find_path("x"))->get(), 4.25);
   root->set_field_as_user("operator", "x/value", "-1");
@@ -55,7 +43,7 @@ TEST(Root, UserSetOfAnIoNodeGoesToItsValueField) {
 }
 
 TEST(Root, UserSetsThatCannotApplyAreLoggedAndChangeNothing) {
-  auto root = build(R"(<root><x type="analog_io" readonly="true" value="1"/><c type="component"/></root>)");
+  auto root = build_tree(R"(<root><x type="analog_io" readonly="true" value="1"/><c type="component"/></root>)");
   LogCapture log;
   root->set_field_as_user("bob", "x", "2");
   root->set_field_as_user("bob", "nowhere/value", "2");
@@ -76,7 +64,7 @@ TEST(Root, UserSetsThatCannotApplyAreLoggedAndChangeNothing) {
 }
 
 TEST(Root, MissingFieldLookupIsLoggedWithTheNodePath) {
-  auto root = build(R"(<root><x type="analog_io"/></root>)");
+  auto root = build_tree(R"(<root><x type="analog_io"/></root>)");
   LogCapture log;
   EXPECT_EQ(dynamic_cast<Node*>(root->find_path("x"))->field("nope"), nullptr);
   ASSERT_EQ(log.entries().size(), 1u);
@@ -87,13 +75,12 @@ TEST(Root, MissingFieldLookupIsLoggedWithTheNodePath) {
 TEST(Root, ConfigurationFaultsAreLoggedAndTheRestIsBuilt) {
   Root::reset_configuration_errors();
   LogCapture log;
-  auto root = build(R"(<root>
+  auto root = build_tree(R"(<root>
       <good type="analog_io"/>
       <typo type="analgo_io"/>
       <bad type="analog_io" value="fast"/>
       <group type="component"><inner type="digital_io" hidden="maybe"/><ok type="digital_io"/></group>
     </root>)");
-  ASSERT_TRUE(root);
   EXPECT_NE(root->find_path("good"), nullptr);
   EXPECT_EQ(root->find_path("typo"), nullptr);
   EXPECT_EQ(root->find_path("bad"), nullptr);
@@ -108,7 +95,7 @@ TEST(Root, ConfigurationFaultsAreLoggedAndTheRestIsBuilt) {
 TEST(Root, BuiltInNodesKeepTheirDefaultForABadSettingAndQuietMistakesAreCounted) {
   Root::reset_configuration_errors();
   LogCapture log;
-  auto root = build(R"(<root hidden="maybe" label="Bench">
+  auto root = build_tree(R"(<root hidden="maybe" label="Bench">
       <pulse rate="fast"/>
       <admin><store_manager save_delay="soon" hourmeter_period="30"/></admin>
       <interlocks type="nonsense"/>
@@ -116,7 +103,6 @@ TEST(Root, BuiltInNodesKeepTheirDefaultForABadSettingAndQuietMistakesAreCounted)
       <a type="analog_io" value="2"/>
       <settings><lost type="digital_io"/></settings>
     </root>)");
-  ASSERT_TRUE(root) << "the instrument starts";
   EXPECT_EQ(root->label(), "Bench") << "the root's other settings are kept";
   EXPECT_DOUBLE_EQ(dynamic_cast<Field<double>&>(*root->find_path("pulse/rate")).get(), 1.0);
   EXPECT_DOUBLE_EQ(dynamic_cast<Field<double>&>(*root->find_path("admin/store_manager/save_delay")).get(), 1.0);
@@ -134,12 +120,12 @@ TEST(Root, BuiltInNodesKeepTheirDefaultForABadSettingAndQuietMistakesAreCounted)
 
   // A built-in named with its own type, by alias or type name, is no mistake.
   Root::reset_configuration_errors();
-  EXPECT_TRUE(build(R"(<root><pulse type="Pulse"/><interlocks type="interlock_manager"/></root>)"));
+  build_tree(R"(<root><pulse type="Pulse"/><interlocks type="interlock_manager"/></root>)");
   EXPECT_EQ(Root::configuration_errors(), 0u);
 }
 
 TEST(Root, TreeLogKeepsRecordsForClients) {
-  auto root = build("<root/>");
+  auto root = build_tree("<root/>");
   auto before = root->log().last_sequence();
   ZEL_INFO("hello {}", 42);
   auto records = root->log().records_after(before);

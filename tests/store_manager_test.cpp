@@ -14,9 +14,9 @@
 #include "core/io/io.hpp"
 #include "core/root.hpp"
 #include "core/store_manager.hpp"
-#include "formats/format_xml.hpp"
 #include "core/store_text.hpp"
 #include "log_capture.hpp"
+#include "test_tree.hpp"
 #include "std/atomic_file.hpp"
 #include "std/paths.hpp"
 #include "wait_until.hpp"
@@ -49,9 +49,8 @@ void write_text(const std::string& path, const std::string& text) {
 }
 
 std::unique_ptr<Root> start(const std::string& xml) {
-  auto root = FormatXML::instance().build(xml);
-  if (root) root->initialize();
-  else ADD_FAILURE() << "no root from " << xml;
+  auto root = build_tree(xml);
+  root->initialize();
   return root;
 }
 

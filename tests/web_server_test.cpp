@@ -15,7 +15,6 @@
 #include "core/io/io.hpp"
 #include "core/log_io.hpp"
 #include "core/root.hpp"
-#include "formats/format_xml.hpp"
 #include "log_capture.hpp"
 #include "std/paths.hpp"
 #include "std/process_limits.hpp"
@@ -26,6 +25,7 @@
 #include "web/web_server.hpp"
 #include "router_rig.hpp"
 #include "temp_dir.hpp"
+#include "test_tree.hpp"
 #include "tree_access.hpp"
 #include "wait_until.hpp"
 #include "web_client.hpp"
@@ -36,11 +36,7 @@ using web_client::http::verb;
 
 namespace {
 
-std::unique_ptr<Root> build(const std::string& inner) {
-  auto root = FormatXML::instance().build("<root>" + inner + "</root>");
-  if (!root) ADD_FAILURE() << "no root from " << inner;
-  return root;
-}
+std::unique_ptr<Root> build(const std::string& inner) { return build_tree("<root>" + inner + "</root>"); }
 
 std::string stamp_of(Root& root, const std::string& path) {
   std::string out;
