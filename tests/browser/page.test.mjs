@@ -120,6 +120,16 @@ async function shows(locator, text) {
   await locator.filter({ hasText: text }).first().waitFor({ timeout: 5000 });
 }
 
+// The login dialog, sent as the first start's admin with `secret`.
+async function logInOnThePage(secret) {
+  await page.locator("#login button").click();
+  const dialog = page.locator("#login-dialog");
+  await dialog.locator('input[name="user"]').fill("admin");
+  await dialog.locator('input[name="password"]').fill(secret);
+  await dialog.locator("#login-submit").click();
+  return dialog;
+}
+
 before(async () => {
   dataRoot = mkdtempSync(join(tmpdir(), "zel-page-"));
   profile = mkdtempSync(join(tmpdir(), "zel-chromium-"));
@@ -169,11 +179,7 @@ test("the first start's admin logs in on the page", async () => {
   // The name arrives with the tree, which may come after the socket is live.
   await shows(page.locator("#instrument"), "Browser Test Rig");
   await shows(page.locator("#login"), "read only");
-  await page.locator("#login button").click();
-  const dialog = page.locator("#login-dialog");
-  await dialog.locator('input[name="user"]').fill("admin");
-  await dialog.locator('input[name="password"]').fill("wrong");
-  await dialog.locator("#login-submit").click();
+  const dialog = await logInOnThePage("wrong");
   await shows(dialog.locator(".login-error"), "Wrong user name or password");
   await dialog.locator('input[name="password"]').fill(password);
   await dialog.locator("#login-submit").click();
@@ -390,11 +396,7 @@ test("after logout the page only reads, and a page of another site changes nothi
 test("an alarm appears on a trip, is acknowledged on the page and is still acknowledged after a restart", async () => {
   await put("sensors/door_open", "false");
   await page.goto(`${base}/#/channels`);
-  await page.locator("#login button").click();
-  const dialog = page.locator("#login-dialog");
-  await dialog.locator('input[name="user"]').fill("admin");
-  await dialog.locator('input[name="password"]').fill(password);
-  await dialog.locator("#login-submit").click();
+  await logInOnThePage(password);
   await shows(page.locator("#login"), "admin (admin)");
 
   const { last } = await (await fetch(`${base}/api/alarms?limit=1`)).json();

@@ -229,8 +229,7 @@ def types_and_forms():
         "T:channels:pump": ((dbr.ENUM + 7, ">hhH", 2), (dbr.ENUM + 21, ">hhh" + "26s" * 16 + "H", 19)),
         "T:channels:operator": ((dbr.STRING + 7, ">hh40s", 2), (dbr.STRING + 21, ">hh40s", 2)),
     }
-    sock = raw_circuit()
-    try:
+    with raw_circuit() as sock:
         for cid, (name, forms) in enumerate(layouts.items(), start=1):
             sid = raw_channel(sock, name, cid)
             for data_type, layout, at in forms:
@@ -244,8 +243,6 @@ def types_and_forms():
                       f"{name} type {data_type}: {fields}")
         status, _ = raw_read(sock, raw_channel(sock, "T:channels:temperature", 99), 35, 7)
         check(status == ECA_BADTYPE, "a request type beyond DBR_CTRL_DOUBLE is refused")
-    finally:
-        sock.close()
     ctrl = ca.get_ctrlvars(ca.create_channel("T:channels:pump"), timeout=WAIT)
     check(list(ctrl["enum_strs"]) == ["false", "true"], f"a boolean's states {ctrl['enum_strs']}")
     values = connected("T:exerciser:values")
@@ -275,8 +272,7 @@ def puts():
     setting = connected("T:epics:port")
     check(not setting.write_access, "the server's own settings are read-only")
 
-    sock = raw_circuit()
-    try:
+    with raw_circuit() as sock:
         sid = raw_channel(sock, "T:chamber:vacuum", 7)
         check(raw_write_notify(sock, sid, dbr.LONG, struct.pack(">i", 1), 1) == ECA_NOWTACCESS,
               "a write to a state value is refused by the server too")
@@ -286,8 +282,6 @@ def puts():
         sid = raw_channel(sock, "T:channels:temperature", 8)
         check(raw_write_notify(sock, sid, dbr.STRING, b"warm".ljust(40, b"\0"), 2) == ECA_PUTFAIL,
               "a text that is no number is refused")
-    finally:
-        sock.close()
     check(epics.caget("T:chamber:vacuum", timeout=WAIT) == 0, "the state is unchanged")
     values = connected("T:exerciser:values")
     check(values.put([1.5, 2.5, 3.5], wait=True, timeout=WAIT) == 1, "a vector put")
@@ -299,8 +293,7 @@ def puts():
 
 def busy_put_holds_only_its_circuit():
     """A put waiting for a busy node stalls neither other circuits nor searches."""
-    slow, other = raw_circuit(), raw_circuit()
-    try:
+    with raw_circuit() as slow, raw_circuit() as other:
         slow_sid = raw_channel(slow, "T:slow:value", 1)
         watch_sid = raw_channel(other, "T:slow:value", 1)
         other_sid = raw_channel(other, "T:channels:temperature", 2)
@@ -314,23 +307,17 @@ def busy_put_holds_only_its_circuit():
         check(search_reply_port() == PORT, "a search answered")
         check(not select.select([slow], [], [], 0)[0], "both answered while the slow put is still pending")
         check(reply(slow, 19, 1)[3] == 1, "the slow put answered when done")
-    finally:
-        slow.close()
-        other.close()
 
 
 def puts_apply_in_order():
     """Puts sent at once on one channel apply and answer in the order sent."""
-    sock = raw_circuit()
-    try:
+    with raw_circuit() as sock:
         sid = raw_channel(sock, "T:channels:pressure", 1)
         sock.sendall(b"".join(header(19, struct.pack(">d", 1000.0 + i), dbr.DOUBLE, 1, sid, i) for i in range(20)))
         answers = [read_message(sock) for _ in range(20)]
         check([(m[0], m[4]) for m in answers] == [(19, i) for i in range(20)], "write-notify answers in order")
         _, value = raw_read(sock, sid, dbr.DOUBLE, 99)
         check(struct.unpack(">d", value[:8])[0] == 1019.0, "the last put sent is the value")
-    finally:
-        sock.close()
 
 
 def monitors():
@@ -371,21 +358,17 @@ def updates_sent_during(sock, sid, name, values):
 def deadband_skips_small_changes():
     """A monitor over a value with a deadband reports only changes that large."""
     epics.caput("T:channels:pressure", 1000.0, wait=True, timeout=WAIT)
-    sock = raw_circuit()
-    try:
+    with raw_circuit() as sock:
         sid = raw_channel(sock, "T:channels:pressure", 1)
         sock.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, sid, 5))
         check(next_update(sock, 5) == 1000.0, "the first update")
         sent = updates_sent_during(sock, sid, "T:channels:pressure", (1002.0, 1004.0, 1006.0, 1007.0, 1000.0))
         check(sent == [1006.0, 1000.0], f"only changes of the deadband or more: {sent}")
-    finally:
-        sock.close()
 
 
 def events_off_holds_updates_back():
     """Between events off and on a monitor sends nothing; then the latest value."""
-    sock = raw_circuit()
-    try:
+    with raw_circuit() as sock:
         sid = raw_channel(sock, "T:channels:temperature", 1)
         sock.sendall(header(1, struct.pack(">fffHH", 0, 0, 0, 1, 0), dbr.DOUBLE, 1, sid, 5))
         next_update(sock, 5)
@@ -395,8 +378,6 @@ def events_off_holds_updates_back():
         check(not sent, f"nothing sent while events are off: {sent}")
         sock.sendall(header(9))  # events on
         check(next_update(sock, 5) == 33.0, "the latest value once events are on")
-    finally:
-        sock.close()
 
 
 def alarms():
@@ -441,15 +422,12 @@ def robustness():
     check(read_message_until_closed(sock), "an oversized message closes its circuit")
     epics.caput("T:channels:temperature", 42.0, wait=True, timeout=WAIT)
     wait_for(lambda: watcher.get() == 42.0, "the other circuit keeps working")
-    sock = raw_circuit()
-    try:
+    with raw_circuit() as sock:
         sids = [raw_channel(sock, "T:channels:temperature", cid) for cid in range(64)]
         sock.sendall(header(18, b"T:channels:temperature\0", p1=64, p2=13))
         refusal = read_message(sock)
         check(refusal[0] == 26 and refusal[3] == 64, f"a channel beyond channels_max is refused: {refusal}")
         check(raw_read(sock, sids[-1], dbr.DOUBLE, 1)[0] == 1, "the circuit at its limit still reads")
-    finally:
-        sock.close()
 
 
 def beacons():
