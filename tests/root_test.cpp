@@ -34,14 +34,6 @@ TEST(Root, ConfiguredChildrenFollowTheBuiltInsInDocumentOrder) {
   EXPECT_EQ(root->find_path("b/value")->path(), "b/value");
 }
 
-TEST(Root, UserSetOfAnIoNodeGoesToItsValueField) {
-  auto root = build_tree(R"(<root><x type="analog_io"/></root>)");
-  root->set_field_as_user("operator", "x", "4.25");
-  EXPECT_EQ(static_cast<AnalogIO*>(root->find_path("x"))->get(), 4.25);
-  root->set_field_as_user("operator", "x/value", "-1");
-  EXPECT_EQ(static_cast<AnalogIO*>(root->find_path("x"))->get(), -1.0);
-}
-
 TEST(Root, UserSetsThatCannotApplyAreLoggedAndChangeNothing) {
   auto root = build_tree(R"(<root><x type="analog_io" readonly="true" value="1"/><c type="component"/></root>)");
   LogCapture log;
