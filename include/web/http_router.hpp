@@ -35,15 +35,15 @@ class Root;
 class WebAccess;
 
 struct HttpRequestView {
-  std::string_view method;  // "GET", "PUT", ...
-  std::string_view target;  // as sent: "/io/pulse/count.json?x=1"
-  std::string_view body;
-  std::string_view client;  // the peer's address and port, for the log
+  std::string_view method{};  // "GET", "PUT", ...
+  std::string_view target{};  // as sent: "/io/pulse/count.json?x=1"
+  std::string_view body{};
+  std::string_view client{};  // the peer's address and port, for the log
   // Headers that say who asks and from which page (empty when not sent).
-  std::string_view host;
-  std::string_view origin;
-  std::string_view cookie;
-  std::string_view authorization;
+  std::string_view host{};
+  std::string_view origin{};
+  std::string_view cookie{};
+  std::string_view authorization{};
   bool secure = false;  // it came over TLS
 };
 

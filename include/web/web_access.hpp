@@ -41,8 +41,8 @@
 
 struct WebAccessSettings {
   bool anonymous_write = false;
-  std::vector<std::string> allowed_hosts;
-  std::vector<std::string> allowed_origins;
+  std::vector<std::string> allowed_hosts{};
+  std::vector<std::string> allowed_origins{};
   std::chrono::seconds session_idle{1800};
   bool tls = false;  // HTTPS is configured: plain HTTP is for the loopback
 };
