@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include <fmt/format.h>
+
 #include "core/root.hpp"
 #include "formats/format_xml.hpp"
 #include "log_capture.hpp"
@@ -227,7 +229,9 @@ TEST_F(PruSubsystem, RestartSequenceAsTheModelSawItEndsWithSamplesInTheTree) {
                                        "inbox enabled"};
   // The model notices each step on its own tick; only a build that runs at
   // speed gets to look within the driver's 10 ms between them.
-  if (kTimingTells) EXPECT_EQ(model().trace(), expected);
+  if (kTimingTells) {
+    EXPECT_EQ(model().trace(), expected);
+  }
   auto trace = model().trace();
   EXPECT_TRUE(!trace.empty() && trace.back() == "inbox enabled");
   EXPECT_EQ(pru().core(0).state(), "running");
@@ -342,9 +346,13 @@ TEST(PruAcrossProcesses, AKilledHostLeavesTheFirmwareWritingAndTheNextHostRestar
   auto port = next.web_port();
   ASSERT_NE(port, 0);
   ASSERT_TRUE(wait_until(enabled));
+  // The next host restarts the subsystem before it takes packets again. (The
+  // model looks at the registers now and then, so whether it catches the
+  // inbox's brief switch-off first is a matter of timing.)
   auto trace = model.trace();
-  ASSERT_GE(trace.size(), 2u);
-  EXPECT_EQ(trace[0], "standby request");
+  auto standby = std::find(trace.begin(), trace.end(), "standby request");
+  EXPECT_LT(standby, std::find(trace.begin(), trace.end(), "inbox enabled"))
+      << fmt::format("{}", fmt::join(trace, ", "));
   auto packets = [&] {
     auto reply = web_client::get(port, "/io/pru/wave/packets.json");
     return reply.status == 200 ? std::stoull(reply.body) : 0ull;

@@ -34,8 +34,12 @@ TEST(WebLoad, EndlessChunkExtensionsAndTrailersAre431WithinBoundedMemory) {
   constexpr size_t kAttempt = 64u << 20;
   size_t most_taken = floods(server.port, endless_chunk_heads(), 4, kAttempt);
   EXPECT_LT(most_taken, kAttempt) << "the server took everything sent";
-  if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
-  if (kTimingTells) EXPECT_LT(good.p99(), kGoodClientP99);
+  if (kResidentSizeTells) {
+    EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+  }
+  if (kTimingTells) {
+    EXPECT_LT(good.p99(), kGoodClientP99);
+  }
   EXPECT_TRUE(server.zel->wait_for("Web client 127.0.0.1: Request header too large"));
   EXPECT_LE(server.zel->count("Request header too large (buffer)"), 1) << "logged once per client and interval";
 }
@@ -52,8 +56,12 @@ TEST(WebLoad, PipelinedReadsOfALargeValueThatAreNeverCollectedHoldOneReplyPerCon
   GoodClient good(server.port);
   std::this_thread::sleep_for(2s);
   // Without the cap on queued output each would hold eight replies (240 MiB).
-  if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
-  if (kTimingTells) EXPECT_LT(good.p99(), kGoodClientP99);
+  if (kResidentSizeTells) {
+    EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+  }
+  if (kTimingTells) {
+    EXPECT_LT(good.p99(), kGoodClientP99);
+  }
   readers_that_never_read.clear();
   EXPECT_TRUE(!kResidentSizeTells || wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
       << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
@@ -78,7 +86,9 @@ TEST(WebLoad, HundredsOfClientsWatchingEveryFieldInHistoryModeFitAndLeaveNothing
     // The last client's first push names the last field once all of its
     // subscriptions are made.
     EXPECT_TRUE(clients.back()->receive_containing("\"n" + std::to_string(kFields - 1) + "/value\"", 20s));
-    if (kResidentSizeTells) EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+    if (kResidentSizeTells) {
+      EXPECT_LT(resident_kib(server.zel->pid()), idle + kCeilingAboveIdleKiB);
+    }
   }
   EXPECT_TRUE(!kResidentSizeTells || wait_until([&] { return resident_kib(server.zel->pid()) < idle + (24 << 10); }, 15s))
       << "resident " << resident_kib(server.zel->pid()) << " KiB, idle " << idle << " KiB";
@@ -92,7 +102,9 @@ TEST(WebLoad, DeepTreeReadsAsFastAsTheyGoLeaveAGoodClientServed) {
     Hammer deep_readers(server.port, 4, "/api/tree?depth=64");
     std::this_thread::sleep_for(3s);
   }
-  if (kTimingTells) EXPECT_LT(good.p99(), kGoodClientP99);
+  if (kTimingTells) {
+    EXPECT_LT(good.p99(), kGoodClientP99);
+  }
 }
 
 TEST(WebLoad, ConnectionsBeyondTheLimitsAre503AndLoggedOncePerClient) {

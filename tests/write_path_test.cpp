@@ -74,7 +74,9 @@ TEST(WritePath, EachFieldKindIsWritableOnlyWhereTheRulesSay) {
       EXPECT_EQ(answer.status, expected) << answer.reason;
       if (answer.ok()) continue;
       EXPECT_FALSE(answer.reason.empty());
-      if (field) EXPECT_EQ(field->json(), before) << "a refused write changed the value";
+      if (field) {
+        EXPECT_EQ(field->json(), before) << "a refused write changed the value";
+      }
       ASSERT_EQ(log.entries().size(), 1u) << "one line per refusal";
       EXPECT_NE(log.entries()[0].text.find(answer.reason), std::string::npos) << log.entries()[0].text;
     }
