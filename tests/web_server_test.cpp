@@ -505,6 +505,23 @@ TEST_F(WebServerTest, ListensOnAFreePortAndShowsItInFieldAndLog) {
   EXPECT_EQ(head.body, "");
 }
 
+TEST_F(WebServerTest, SettingsOutOfRangeAreRefusedWithTheRangeAndTheServerRunsOnItsDefaults) {
+  Root::reset_configuration_errors();
+  LogCapture log;
+  start("", R"(threads="0" session_timeout="-5" http_body_max="0" push_spacing="5000")");
+  for (const char* line : {"Setting 'threads' of 'web_server' refused: 0 is out of range: takes from 1 to 64",
+                           "Setting 'session_timeout' of 'web_server' refused: -5 is out of range: takes from 1 to "
+                           "31536000",
+                           "Setting 'http_body_max' of 'web_server' refused: 0 is out of range: takes from 1 to "
+                           "2147483647",
+                           "Setting 'push_spacing' of 'web_server' refused: 5000 is out of range: takes from 0 to 1000"})
+    EXPECT_TRUE(log.contains(line)) << line;
+  EXPECT_EQ(Root::configuration_errors(), 4u);
+  EXPECT_EQ(at<ValueField<int>>(*root, "web_server/http_body_max").get(), 1 << 20);
+  EXPECT_EQ(at<ValueField<int>>(*root, "web_server/session_timeout").get(), 1800);
+  EXPECT_EQ(web_client::get(port, "/").status, 200u);
+}
+
 TEST_F(WebServerTest, ABusyPortIsAStartFailureNamingThePort) {
   start();
   LogCapture log;
