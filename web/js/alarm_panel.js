@@ -3,31 +3,21 @@
 // warnings and returns to OK, newest first, each with its acknowledgement or
 // a button to give it. The journal is fetched again whenever its sequence
 // number moves (a new alarm or an acknowledgement anywhere).
+import * as api from "./api.js";
+import { coalesce } from "./coalesce.js";
 import { h } from "./dom.js";
+import { dateTime, stampMs } from "./format.js";
 import { toast } from "./notices.js";
 
 const SHOWN = 200;
 const KIND_WORDS = { trip: "TRIPPED", warning: "WARNING", ok: "OK" };
 
 // Stamps come as strings of nanoseconds: a JavaScript number would round them.
-function stampDate(nanoseconds) {
-  return new Date(Number(BigInt(nanoseconds) / 1000000n));
-}
+const alarmTime = (nanoseconds) => dateTime(stampMs(BigInt(nanoseconds)));
 
-function alarmTime(nanoseconds) {
-  const date = stampDate(nanoseconds);
-  const time = date.toLocaleTimeString([], { hour12: false });
-  return date.toDateString() === new Date().toDateString() ? time : `${date.toLocaleDateString()} ${time}`;
-}
-
-async function acknowledge(target) {
-  try {
-    const response = await fetch(target, { method: "POST" });
-    if (response.ok) return;
-    toast(`Not acknowledged: ${response.headers.get("X-Zel-Error") || `the server refused (${response.status})`}`);
-  } catch (error) {
-    toast(`No answer from the instrument: ${error.message}`);
-  }
+async function acknowledge(id) {
+  const answer = await api.acknowledgeAlarms(id);
+  if (!answer.ok) toast(`Not acknowledged: ${answer.error}`);
 }
 
 export class AlarmPanel {
@@ -35,7 +25,7 @@ export class AlarmPanel {
     this.banner = document.getElementById("alarm-banner");
     this.section = document.getElementById("alarm-panel");
     this.list = h("ol", { class: "alarm-list" });
-    this.ackAll = h("button", { type: "button", class: "alarm-ack-all", onclick: () => acknowledge("/api/alarms/ack-all") },
+    this.ackAll = h("button", { type: "button", class: "alarm-ack-all", onclick: () => acknowledge() },
       "Acknowledge all");
     const close = h("button", { type: "button", class: "link", onclick: () => (this.section.hidden = true) }, "close");
     this.section.replaceChildren(h("div", { class: "alarm-head" }, h("h2", {}, "Alarms"), this.ackAll, close), this.list);
@@ -45,7 +35,7 @@ export class AlarmPanel {
     });
     this.entries = new Map();  // id -> alarm
     this.last = 0;
-    this.pending = null;
+    this.soon = coalesce(() => this.fetch(), 100);
     live.watch("alarms/unacknowledged", (count) => this.showCount(Number(count)));
     live.watch("alarms/sequence", () => this.soon());
     // After a reconnect the instrument may have restarted: take the journal anew.
@@ -63,19 +53,9 @@ export class AlarmPanel {
     this.ackAll.disabled = !(count > 0);
   }
 
-  soon() {
-    if (this.pending) return;
-    this.pending = setTimeout(() => {
-      this.pending = null;
-      this.fetch();
-    }, 100);
-  }
-
   async fetch() {
     try {
-      const response = await fetch(`/api/alarms?after=${this.last}&limit=${SHOWN}`, { cache: "no-store" });
-      if (!response.ok) return;
-      const answer = await response.json();
+      const answer = await api.alarmsAfter(this.last, SHOWN);
       for (const alarm of answer.alarms) this.entries.set(alarm.id, alarm);
       this.last = Math.max(this.last, answer.last ?? 0);
       this.showCount(answer.unacknowledged);
@@ -95,7 +75,7 @@ export class AlarmPanel {
     const acknowledged = alarm.acknowledged_by !== null && alarm.acknowledged_by !== undefined;
     const state = acknowledged
       ? h("span", { class: "alarm-ack" }, `acknowledged by ${alarm.acknowledged_by} at ${alarmTime(alarm.acknowledged_at)}`)
-      : h("button", { type: "button", class: "alarm-ack-button", onclick: () => acknowledge(`/api/alarms/${alarm.id}/ack`) },
+      : h("button", { type: "button", class: "alarm-ack-button", onclick: () => acknowledge(alarm.id) },
         "Acknowledge");
     return h("li", { class: `alarm-row ${alarm.kind}${acknowledged ? " acknowledged" : ""}`,
       dataset: { id: alarm.id, path: alarm.path, kind: alarm.kind } },

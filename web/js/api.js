@@ -19,6 +19,20 @@ export const interlocks = () => getJson("/api/interlocks");
 
 export const logAfter = (sequence, limit = 200) => getJson(`/api/log?after=${sequence}&limit=${limit}`);
 
+export const alarmsAfter = (id, limit) => getJson(`/api/alarms?after=${id}&limit=${limit}`);
+
+// Acknowledges one alarm (its id) or, without one, all. Resolves {ok, error}
+// as setField does.
+export async function acknowledgeAlarms(id) {
+  try {
+    const response = await fetch(id === undefined ? "/api/alarms/ack-all" : `/api/alarms/${id}/ack`, { method: "POST" });
+    if (response.ok) return { ok: true };
+    return { ok: false, error: response.headers.get("X-Zel-Error") || `The server refused (${response.status}).` };
+  } catch (error) {
+    return { ok: false, error: `No answer from the instrument: ${error.message}` };
+  }
+}
+
 // Where the interlock manager's "Generate" leaves its report.
 export const INTERLOCK_REPORT = "/reports/interlock_report.csv";
 

@@ -3,6 +3,7 @@
 // the program restarted (its record numbers start again): then it marks the
 // restart and goes on with the new program's records.
 import * as api from "./api.js";
+import { coalesce } from "./coalesce.js";
 import { h } from "./dom.js";
 import { logTime } from "./format.js";
 
@@ -14,7 +15,7 @@ export class LogPanel {
     this.last = 0;           // sequence number of the newest record shown
     this.lastStamp = null;   // and its stamp: together they tell one program run
     this.recheck = false;    // the connection was lost: the program may have restarted
-    this.pending = null;
+    this.soon = coalesce(() => this.fetch(), 150);
     this.errorsOnly = document.getElementById("log-errors-only");
     this.errorsOnly.addEventListener("change", () => this.list.classList.toggle("errors-only", this.errorsOnly.checked));
     const toggle = document.getElementById("log-toggle");
@@ -28,14 +29,6 @@ export class LogPanel {
       if (status === "offline") this.recheck = true;
       if (status === "live") this.soon();
     });
-  }
-
-  soon() {
-    if (this.pending) return;
-    this.pending = setTimeout(() => {
-      this.pending = null;
-      this.fetch();
-    }, 150);
   }
 
   async fetch() {
