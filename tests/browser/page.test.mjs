@@ -201,6 +201,10 @@ test("values changed through the API show at once and draw in their trends", asy
     const trend = document.querySelector('.trend.spark[data-path="channels/temperature/value"]');
     return Number(trend.dataset.samples) >= 5 && trend.dataset.last === "37.25";
   });
+  // A failed reading breaks the line; it is not drawn as 0.
+  await put("channels/temperature", "NaN");
+  await page.waitForFunction(() =>
+    document.querySelector('.trend.spark[data-path="channels/temperature/value"]').dataset.last === "");
   await put("channels/pump", "true");
   await shows(valueOf("channels/pump/value"), "true");
   assert.equal(await rowOf("channels/pump/value").locator("input[type=checkbox]").isChecked(), true);
@@ -433,6 +437,15 @@ test("while the program is stopped the page is offline, and its log goes on afte
   await page.locator(".log-record").first().waitFor();
   await stopZel();
   await page.locator("body.offline").waitFor();
+  // The page stays offline through its reconnection tries (at 0.5 and 1 s).
+  await page.evaluate(() => {
+    window.liveAgain = false;
+    new MutationObserver(() => {
+      if (!document.body.classList.contains("offline")) window.liveAgain = true;
+    }).observe(document.body, { attributes: true, attributeFilter: ["class"] });
+  });
+  await page.waitForTimeout(2000);
+  assert.equal(await page.evaluate(() => window.liveAgain), false, "the page looked live while the program was away");
   await page.locator(".offline-banner").waitFor({ state: "visible" });
   await shows(page.locator("#interlock-summary"), "not known (offline)");
   assert.equal(await page.locator("#interlock-summary").getAttribute("data-color"), "neutral");

@@ -88,7 +88,9 @@ export class LiveConnection {
     const scheme = location.protocol === "https:" ? "wss" : "ws";
     const socket = new WebSocket(`${scheme}://${location.host}/`);
     this.socket = socket;
-    this.setStatus("connecting");
+    // A lost connection stays "offline" through its retries: nothing shown
+    // is live again until a connection opens.
+    if (this.status !== "offline") this.setStatus("connecting");
     socket.addEventListener("open", () => {
       this.retryDelay = 500;
       this.setStatus("live");

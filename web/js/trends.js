@@ -55,7 +55,10 @@ class Series {
     for (const [value, stamp] of samples) {
       if (!stamp || stamp === 0n) continue;  // never assigned: nothing to draw
       this.times.push(stampMs(stamp) / 1000);
-      this.values.push(typeof value === "number" ? value : Number(value));
+      // A value that is not a finite number (a failed reading comes as
+      // null) breaks the line: it is never drawn as 0.
+      const number = value === null || value === undefined ? NaN : Number(value);
+      this.values.push(Number.isFinite(number) ? number : null);
     }
     this.trim();
     this.changed();
@@ -63,8 +66,14 @@ class Series {
 
   gap(count) {
     this.dropped += count;
+    this.breakLine();
+  }
+
+  // Nothing is known from the last sample on (changes dropped, the
+  // connection lost): the line stops there instead of holding the value.
+  breakLine() {
     const last = this.times[this.times.length - 1];
-    if (last !== undefined) {
+    if (last !== undefined && this.values[this.values.length - 1] !== null) {
       this.times.push(last);
       this.values.push(null);
     }
@@ -87,7 +96,15 @@ class Series {
 const series = new Map();  // path -> Series
 const charts = new Set();
 
+let followsConnection = false;
+
 function seriesFor(path, live) {
+  if (!followsConnection) {
+    followsConnection = true;
+    live.onStatus((status) => {
+      if (status === "offline") for (const one of series.values()) one.breakLine();
+    });
+  }
   let found = series.get(path);
   if (!found) {
     found = new Series(path, live);
