@@ -124,6 +124,26 @@ TEST(AlarmJournal, EntriesAndAcknowledgementsSurviveAReloadAndADamagedLineIsSkip
   EXPECT_EQ(final_page.alarms[2].acknowledged_by, "olga") << "the first acknowledgement stays";
 }
 
+TEST(AlarmJournal, AnUnreadableJournalIsSetAsideAndANewOneNumbersFromOne) {
+  TempDir dir;
+  const std::string file = dir / "data/alarms.jsonl";
+  std::filesystem::create_directories(file);  // not a file at all: it cannot be read
+  LogCapture log;
+  AlarmJournal journal(file, 100);
+  journal.load();
+  EXPECT_TRUE(log.contains("Alarm journal '" + file + "' can't be read"));
+  EXPECT_TRUE(log.contains("kept as '" + file + ".unreadable', a new journal begins"));
+  EXPECT_TRUE(std::filesystem::is_directory(file + ".unreadable"));
+  journal.start();
+  journal.record(1000, "a/lock", AlarmKind::Trip, "first");
+  journal.stop();
+  AlarmJournal reloaded(file, 100);
+  reloaded.load();
+  auto page = reloaded.list(0, 10);
+  ASSERT_EQ(page.alarms.size(), 1u);
+  EXPECT_EQ(page.alarms[0].id, 1u);
+}
+
 TEST(AlarmJournal, KeepsTheNewestEntriesWithinItsBoundInMemoryAndOnDisk) {
   TempDir dir;
   const std::string file = dir / "alarms.jsonl";

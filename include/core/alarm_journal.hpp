@@ -63,7 +63,9 @@ struct AlarmEntry {
 class AlarmJournal {
  public:
   static constexpr size_t kDefaultKeep = 10000;
-  static constexpr size_t kMaxKeep = 50000;  // a rewritten file stays well below AtomicFile's read limit
+  // The file grows to 1.5 times this many lines before it is compacted; at a
+  // few hundred bytes a line that stays below AtomicFile's read limit.
+  static constexpr size_t kMaxKeep = 20000;
 
   struct Counts {
     uint64_t sequence = 0;

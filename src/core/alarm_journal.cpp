@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 
 #include <nlohmann/json.hpp>
 
@@ -78,10 +79,20 @@ void AlarmJournal::load() {
   std::string error;
   switch (AtomicFile::read(file_, content, error)) {
     case AtomicFile::ReadResult::Missing: return;
-    case AtomicFile::ReadResult::Failed:
-      // Left as it is for someone to look at; new entries are appended to it.
-      ZEL_ERROR("Alarm journal '{}' can't be read: {}", file_, error);
+    case AtomicFile::ReadResult::Failed: {
+      // Kept for someone to look at, out of the way: numbers starting again
+      // at 1 appended to it would acknowledge its old entries, and the next
+      // compaction would overwrite it.
+      auto aside = file_ + ".unreadable";
+      std::error_code moved;
+      std::filesystem::rename(file_, aside, moved);
+      if (moved)
+        ZEL_ERROR("Alarm journal '{}' can't be read: {}; it could not be moved aside either ({})", file_, error,
+                  moved.message());
+      else
+        ZEL_ERROR("Alarm journal '{}' can't be read: {}; kept as '{}', a new journal begins", file_, error, aside);
       return;
+    }
     case AtomicFile::ReadResult::Ok: break;
   }
   if (content.empty()) return;

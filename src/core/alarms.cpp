@@ -22,6 +22,7 @@ Alarms::Alarms(const VTree& config)
   set_default("hidden", true);
   sequence_.set_readonly(true);
   unacknowledged_.set_readonly(true);
+  keep_.set_readonly(true);  // the journal takes it once, when it is made
   sequence_.attributes_for_update().detail = "The number of the journal's last change (entry or acknowledgement).";
   unacknowledged_.attributes_for_update().detail = "Alarms no operator has acknowledged yet.";
   if (!keep_.assigned()) keep_.set(static_cast<double>(AlarmJournal::kDefaultKeep));
