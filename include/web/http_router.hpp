@@ -61,6 +61,12 @@ struct HttpReply {
 // The number after "name=" in the target's query, or `fallback`.
 long query_number(std::string_view target, std::string_view name, long fallback);
 
+// Replies the API's handlers share: plain text, JSON, and {"status":"failed"}
+// with the reason in words (sent as X-Zel-Error).
+HttpReply text_reply(unsigned status, std::string_view text);
+HttpReply json_reply(unsigned status, std::string body, std::string error = {});
+HttpReply failed_reply(unsigned status, std::string reason);
+
 class HttpRouter {
  public:
   static constexpr std::string_view kSuccess = R"({"status":"success"})";

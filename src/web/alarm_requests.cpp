@@ -13,22 +13,6 @@ namespace {
 
 constexpr std::string_view kPrefix = "/api/alarms";
 
-HttpReply text_reply(unsigned status, std::string_view text) {
-  HttpReply reply;
-  reply.status = status;
-  reply.body = text;
-  return reply;
-}
-
-HttpReply failed(unsigned status, std::string reason) {
-  HttpReply reply;
-  reply.status = status;
-  reply.content_type = "application/json";
-  reply.body = HttpRouter::kFailed;
-  reply.error = std::move(reason);
-  return reply;
-}
-
 // "/api/alarms/17/ack" -> 17; nothing for anything else.
 std::optional<uint64_t> acknowledged_id(std::string_view rest) {
   if (!rest.ends_with("/ack")) return std::nullopt;
@@ -81,7 +65,7 @@ HttpReply AlarmRequests::acknowledge(const HttpRequestView& request, AlarmJourna
   auto path = request.target.substr(0, request.target.find('?'));
   auto rest = path.substr(kPrefix.size() + 1);
   auto id = acknowledged_id(rest);
-  if (!id && rest != "ack-all") return failed(404, "No such alarm request.");
+  if (!id && rest != "ack-all") return failed_reply(404, "No such alarm request.");
   auto caller = access.caller_of(request);
   if (!at_least(caller.role, Role::Operator)) {
     std::string reason = caller.role == Role::Anonymous
@@ -89,7 +73,7 @@ HttpReply AlarmRequests::acknowledge(const HttpRequestView& request, AlarmJourna
                              : fmt::format("acknowledging alarms needs the role operator, more than {}",
                                            to_string(caller.role));
     ZEL_ERROR("User can't acknowledge alarms http {}: {}", caller.label, reason);
-    return failed(caller.role == Role::Anonymous ? 401 : 403, std::move(reason));
+    return failed_reply(caller.role == Role::Anonymous ? 401 : 403, std::move(reason));
   }
   auto now = Clock::wall_ns();
   if (!id) {
@@ -97,7 +81,7 @@ HttpReply AlarmRequests::acknowledge(const HttpRequestView& request, AlarmJourna
     ZEL_INFO("User http {} acknowledged all alarms ({})", caller.label, count);
   } else {
     switch (journal.acknowledge(*id, caller.name, now)) {
-      case AlarmJournal::AckResult::NotFound: return failed(404, fmt::format("There is no alarm {}.", *id));
+      case AlarmJournal::AckResult::NotFound: return failed_reply(404, fmt::format("There is no alarm {}.", *id));
       case AlarmJournal::AckResult::AlreadyAcknowledged: break;
       case AlarmJournal::AckResult::Done: {
         auto entry = journal.entry(*id);

@@ -62,20 +62,6 @@ std::optional<std::string> tree_path(std::string_view target, std::string_view p
   return path;
 }
 
-HttpReply text_reply(unsigned status, std::string_view text) {
-  HttpReply reply;
-  reply.status = status;
-  reply.body = text;
-  return reply;
-}
-
-HttpReply json_reply(std::string body) {
-  HttpReply reply;
-  reply.content_type = kJson;
-  reply.body = std::move(body);
-  return reply;
-}
-
 HttpReply not_found() { return text_reply(404, HttpRouter::kFileNotFound); }
 
 }  // namespace
@@ -116,11 +102,11 @@ HttpReply HttpRouter::read_tree(std::string_view target) const {
   auto path = tree_path(target, "/io");
   Vertex* vertex = path ? root_.find_path(*path) : nullptr;
   if (!vertex) return not_found();
-  return json_reply(vertex->json());
+  return json_reply(200, vertex->json());
 }
 
 HttpReply HttpRouter::set_field(const HttpRequestView& request) const {
-  HttpReply reply = json_reply(std::string(kFailed));
+  HttpReply reply = json_reply(200, std::string(kFailed));
   auto path = tree_path(request.target, "/io");
   if (!path) {
     reply.status = 400;
@@ -145,11 +131,11 @@ HttpReply HttpRouter::describe_tree(std::string_view target) const {
   Vertex* vertex = path ? root_.find_path(*path) : nullptr;
   if (!vertex) return not_found();
   int depth = static_cast<int>(std::clamp(query_number(target, "depth", 1), 0L, 64L));
-  return json_reply(tree_descriptions_.get(fmt::format("{}?{}", *path, depth),
+  return json_reply(200, tree_descriptions_.get(fmt::format("{}?{}", *path, depth),
                                            [&] { return TreeDescription::of(*vertex, depth); }));
 }
 
-HttpReply HttpRouter::interlocks() const { return json_reply(TreeDescription::interlocks(root_)); }
+HttpReply HttpRouter::interlocks() const { return json_reply(200, TreeDescription::interlocks(root_)); }
 
 HttpReply HttpRouter::log_records(std::string_view target) const {
   auto after = static_cast<uint64_t>(std::max(0L, query_number(target, "after", 0)));
@@ -167,7 +153,7 @@ HttpReply HttpRouter::log_records(std::string_view target) const {
                        {"stamp", record.stamp}});
   }
   nlohmann::json out{{"last", root_.log().last_sequence()}, {"records", std::move(records)}};
-  return json_reply(out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
+  return json_reply(200, out.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 HttpReply HttpRouter::document(const DocumentRoot& files, std::string_view target) {
@@ -185,4 +171,24 @@ HttpReply HttpRouter::document(const DocumentRoot& files, std::string_view targe
       break;
   }
   return not_found();
+}
+
+HttpReply text_reply(unsigned status, std::string_view text) {
+  HttpReply reply;
+  reply.status = status;
+  reply.body = text;
+  return reply;
+}
+
+HttpReply json_reply(unsigned status, std::string body, std::string error) {
+  HttpReply reply;
+  reply.status = status;
+  reply.content_type = kJson;
+  reply.body = std::move(body);
+  reply.error = std::move(error);
+  return reply;
+}
+
+HttpReply failed_reply(unsigned status, std::string reason) {
+  return json_reply(status, std::string(HttpRouter::kFailed), std::move(reason));
 }

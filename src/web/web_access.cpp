@@ -7,23 +7,8 @@
 
 namespace {
 
-constexpr std::string_view kJson = "application/json";
-
-HttpReply json_reply(unsigned status, std::string body, std::string error = {}) {
-  HttpReply reply;
-  reply.status = status;
-  reply.content_type = kJson;
-  reply.body = std::move(body);
-  reply.error = std::move(error);
-  return reply;
-}
-
-HttpReply failed(unsigned status, std::string error) {
-  return json_reply(status, std::string(HttpRouter::kFailed), std::move(error));
-}
-
 HttpReply not_allowed(std::string_view allow) {
-  auto reply = failed(405, "Method not allowed");
+  auto reply = failed_reply(405, "Method not allowed");
   reply.allow = allow;
   return reply;
 }
@@ -114,13 +99,13 @@ std::optional<HttpReply> WebAccess::refuse_foreign(const HttpRequestView& reques
   if (origins_.allows(request.host, request.origin, request.secure, why)) return std::nullopt;
   ZEL_ERROR("Cross-origin {} of '{}' from {} refused: {}", request.method.substr(0, 20), request.target.substr(0, 200),
             request.client, why);
-  return failed(403, "Cross-origin request refused: " + why + ".");
+  return failed_reply(403, "Cross-origin request refused: " + why + ".");
 }
 
 std::optional<HttpReply> WebAccess::refuse_plain(const HttpRequestView& request) const {
   if (!settings_.tls || request.secure || is_loopback(address_of(request.client))) return std::nullopt;
   if (!https_port_ || request.host.empty() || !origins_.host_allowed(request.host))
-    return failed(403, "Plain HTTP answers the loopback only; this instrument wants HTTPS.");
+    return failed_reply(403, "Plain HTTP answers the loopback only; this instrument wants HTTPS.");
   auto name = OriginPolicy::host_name(request.host);
   bool v6 = name.find(':') != std::string_view::npos;
   HttpReply reply = json_reply(308, "");
@@ -147,7 +132,7 @@ std::optional<HttpReply> WebAccess::answer(const HttpRequestView& request) {
   auto caller = caller_of(request);
   if (caller.role != Role::Admin) {
     ZEL_ERROR("{} from {} asked for '{}' without being an admin", caller.name, caller.client, target.substr(0, 200));
-    return failed(caller.role == Role::Anonymous ? 401 : 403, "Only an admin manages users and tokens.");
+    return failed_reply(caller.role == Role::Anonymous ? 401 : 403, "Only an admin manages users and tokens.");
   }
   return users ? manage_users(request, *users, caller) : manage_tokens(request, *tokens, caller);
 }
@@ -162,7 +147,7 @@ HttpReply WebAccess::login(const HttpRequestView& request) {
   auto address = address_of(from);
   if (!limiter_.may_try(address)) {
     ZEL_ERROR("Login from {} refused: too many failed tries, wait a minute", from);
-    return failed(429, "Too many failed logins from this address; try again in a minute.");
+    return failed_reply(429, "Too many failed logins from this address; try again in a minute.");
   }
   auto body = parse_object(request.body);
   auto name = text_member(body, "user");
@@ -170,7 +155,7 @@ HttpReply WebAccess::login(const HttpRequestView& request) {
   if (!identity) {
     limiter_.failed(address);
     ZEL_ERROR("Login of '{}' from {} refused: wrong user name or password", name.substr(0, 64), from);
-    return failed(401, "Wrong user name or password.");
+    return failed_reply(401, "Wrong user name or password.");
   }
   limiter_.succeeded(address);
   auto reply = json_reply(200, nlohmann::json{{"user", identity->name}, {"role", to_string(identity->role)}}.dump());
@@ -206,13 +191,13 @@ HttpReply WebAccess::manage_users(const HttpRequestView& request, std::string_vi
     auto user = text_member(body, "name");
     auto role = role_named(text_member(body, "role"));
     if (!role || !users_.set_user(user, text_member(body, "password"), *role, error))
-      return failed(400, error.empty() ? "A user needs a name, a password and a role." : error);
+      return failed_reply(400, error.empty() ? "A user needs a name, a password and a role." : error);
     sessions_.close_user(user);  // a changed role takes effect at the next login
     ZEL_INFO("Admin '{}' from {} set user '{}' ({})", admin.name, admin.client, user, to_string(*role));
     return json_reply(200, std::string(HttpRouter::kSuccess));
   }
   if (!name.empty() && request.method == "DELETE") {
-    if (!users_.remove_user(name, error)) return failed(400, error);
+    if (!users_.remove_user(name, error)) return failed_reply(400, error);
     sessions_.close_user(name);
     ZEL_INFO("Admin '{}' from {} removed user '{}'", admin.name, admin.client, name);
     return json_reply(200, std::string(HttpRouter::kSuccess));
@@ -229,12 +214,12 @@ HttpReply WebAccess::manage_tokens(const HttpRequestView& request, std::string_v
     auto token_name = text_member(body, "name");
     auto role = role_named(text_member(body, "role"));
     auto token = role ? users_.issue_token(token_name, *role, error) : std::nullopt;
-    if (!token) return failed(400, error.empty() ? "A token needs a name and a role." : error);
+    if (!token) return failed_reply(400, error.empty() ? "A token needs a name and a role." : error);
     ZEL_INFO("Admin '{}' from {} issued token '{}' ({})", admin.name, admin.client, token_name, to_string(*role));
     return json_reply(200, nlohmann::json{{"name", token_name}, {"role", to_string(*role)}, {"token", *token}}.dump());
   }
   if (!name.empty() && request.method == "DELETE") {
-    if (!users_.revoke_token(name, error)) return failed(404, error);
+    if (!users_.revoke_token(name, error)) return failed_reply(404, error);
     ZEL_INFO("Admin '{}' from {} revoked token '{}'", admin.name, admin.client, name);
     return json_reply(200, std::string(HttpRouter::kSuccess));
   }
