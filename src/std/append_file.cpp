@@ -7,6 +7,8 @@
 #include <cstring>
 #include <filesystem>
 
+#include "std/fd_writes.hpp"
+
 AppendFile::~AppendFile() { close(); }
 
 bool AppendFile::open(const std::string& path, std::string& error) {
@@ -37,19 +39,11 @@ bool AppendFile::append(std::string_view text, std::string& error) {
     error = "the file is not open";
     return false;
   }
-  while (!text.empty()) {
-    ssize_t written = ::write(fd_, text.data(), text.size());
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) {
-      error = "can't write '" + path_ + "': " + std::strerror(errno);
-      return false;
-    }
-    text.remove_prefix(static_cast<size_t>(written));
+  if (!write_all(fd_, text)) {
+    error = "can't write '" + path_ + "': " + std::strerror(errno);
+    return false;
   }
-  int result;
-  do result = ::fdatasync(fd_);
-  while (result != 0 && errno == EINTR);
-  if (result != 0) {
+  if (sync_retrying(fd_, true) != 0) {
     error = "can't flush '" + path_ + "': " + std::strerror(errno);
     return false;
   }

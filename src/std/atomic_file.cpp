@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <mutex>
 
+#include "std/fd_writes.hpp"
+
 namespace {
 
 std::string describe(std::string_view what, const std::string& path, int error_number) {
@@ -39,25 +41,6 @@ class Descriptor {
   int fd_;
 };
 
-bool write_all(int fd, std::string_view content) {
-  while (!content.empty()) {
-    ssize_t n = ::write(fd, content.data(), content.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    content.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
-int fsync_retrying(int fd) {
-  int result;
-  do result = ::fsync(fd);
-  while (result != 0 && errno == EINTR);
-  return result;
-}
-
 std::string folder_of(const std::string& path) {
   auto folder = std::filesystem::path(path).parent_path().string();
   return folder.empty() ? std::string(".") : folder;
@@ -74,7 +57,7 @@ bool write_temporary(const std::string& temporary, std::string_view content, std
     error = describe("Can't write", temporary, errno);
     return false;
   }
-  if (fsync_retrying(fd.get()) != 0) {
+  if (sync_retrying(fd.get()) != 0) {
     error = describe("Can't flush", temporary, errno);
     return false;
   }
@@ -149,7 +132,7 @@ bool AtomicFile::write(const std::string& path, std::string_view content, std::s
   // The rename is a change of the folder: flush it too, or a power cut may
   // bring back the old name.
   Descriptor dir(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!dir.valid() || fsync_retrying(dir.get()) != 0) {
+  if (!dir.valid() || sync_retrying(dir.get()) != 0) {
     error = describe("Can't flush folder", folder, errno);
     return false;
   }
