@@ -35,11 +35,14 @@ export class LogPanel {
     try {
       if (this.recheck && this.last > 0) {
         // The newest record shown, asked for again: same number and stamp
-        // means the same program run.
-        const again = await api.logAfter(this.last - 1, 1);
+        // means the same program run. The server answers the newest records
+        // after a number, so all of them are asked for (what was logged
+        // meanwhile comes too); only a record of that number with another
+        // stamp, or fewer records than shown, tells a restart.
+        const again = await api.logAfter(this.last - 1, 10000);
         const same = again.records.find((r) => r.seq === this.last);
         this.recheck = false;
-        if (!same || same.stamp !== this.lastStamp) this.restarted();
+        if (same ? same.stamp !== this.lastStamp : (again.last ?? 0) < this.last) this.restarted();
       }
       const answer = await api.logAfter(this.last);
       if ((answer.last ?? 0) < this.last) {
